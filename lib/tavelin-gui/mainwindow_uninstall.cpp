@@ -1,0 +1,6 @@
+#include "mainwindow.h"
+
+// The uninstall script stage. Not built yet.
+void MainWindow::createUninstallFile()
+{
+}

@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Builds Tavelin and runs the whole test suite with ctest.
+#   tools/test.sh                          plain build in build/
+#   tools/test.sh BUILD_DIR SANITIZERS     e.g. build-asan address,undefined
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=${1:-build}
+sanitize=${2:-}
+jobs=$(nproc)
+cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAVELIN_SANITIZE="$sanitize" >/dev/null
+cmake --build "$build" -j "$jobs"
+if [ -n "$sanitize" ]; then
+    # Any sanitizer report ends the test with a failure.
+    export ASAN_OPTIONS=${ASAN_OPTIONS:-abort_on_error=1:detect_leaks=1}
+    export UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}
+    export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
+fi
+ctest --test-dir "$build" --output-on-failure -j "$jobs"
