@@ -8,6 +8,7 @@
 #include <QLineEdit>
 #include <QProcess>
 #include <QPushButton>
+#include <QRegularExpression>
 #include <QShowEvent>
 #include <QStandardPaths>
 #include <QTemporaryDir>
@@ -118,6 +119,7 @@ private:
     TDialogVisit chooseDirectory(const QString& strChoice);
     void expectJudgement(bool bExpected);
     QString unprivilegedUnavailable() const;
+    QString prepareChild(const QString& strDir, QProcessEnvironment& env) const;
     QString runCaseAsNobody(const QString& strDir) const;
 
     QTemporaryDir tmpDir;
@@ -243,56 +245,91 @@ QString tst_InstallLocation::unprivilegedUnavailable() const
     return QString();
 }
 
-// Runs the current case again as user 65534 on the tree below strDir; empty when it passed there.
-QString tst_InstallLocation::runCaseAsNobody(const QString& strDir) const
+// What the child needs, copied into strDir: the build tree may lie where user 65534 cannot read.
+QString tst_InstallLocation::prepareChild(const QString& strDir, QProcessEnvironment& env) const
 {
-    // The build tree may lie where that user cannot read, so the child runs from a copy.
     const QString strExe = strDir + QStringLiteral("/tst-child");
     if (!QFile::exists(strExe) && !QFile::copy(QCoreApplication::applicationFilePath(), strExe))
         return QStringLiteral("cannot copy the test binary");
     QFile::setPermissions(strExe, QFileDevice::ReadOwner | QFileDevice::ExeOwner | QFileDevice::ReadOther
                                       | QFileDevice::ExeOther);
 
-    const QString strCase = QStringLiteral("%1:%2").arg(QString::fromLatin1(QTest::currentTestFunction()),
-                                                        QString::fromUtf8(QTest::currentDataTag()));
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QString::fromLatin1(kChildDirVar), strDir);
-    env.insert(QStringLiteral("HOME"), strDir);
-    env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
     // Qt wants a runtime directory of the user's own; without one it makes one in /tmp.
     const QString strRuntime = strDir + QStringLiteral("/runtime");
     if (!QDir().mkpath(strRuntime) || ::chown(QFile::encodeName(strRuntime).constData(), 65534, 65534) != 0
         || !QFile::setPermissions(strRuntime, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner))
         return QStringLiteral("cannot prepare a runtime directory for user 65534");
+
+    env = QProcessEnvironment::systemEnvironment();
+    env.insert(QString::fromLatin1(kChildDirVar), strDir);
+    env.insert(QStringLiteral("HOME"), strDir);
+    env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
     env.insert(QStringLiteral("XDG_RUNTIME_DIR"), strRuntime);
+
+    // Under the leak checker the child needs the suppressions too.
+    QString strLsan = env.value(QStringLiteral("LSAN_OPTIONS"));
+    const QRegularExpressionMatch match = QRegularExpression(QStringLiteral("suppressions=([^:]+)")).match(strLsan);
+    if (match.hasMatch()) {
+        const QString strSupp = strDir + QStringLiteral("/lsan.supp");
+        if (!QFile::exists(strSupp) && !QFile::copy(match.captured(1), strSupp))
+            return QStringLiteral("cannot copy the leak suppressions");
+        QFile::setPermissions(strSupp, QFileDevice::ReadOwner | QFileDevice::ReadOther);
+        env.insert(QStringLiteral("LSAN_OPTIONS"), strLsan.replace(match.captured(1), strSupp));
+    }
+    return QString();
+}
+
+// Runs the current case again as user 65534 on the tree below strDir; empty when it passed there.
+QString tst_InstallLocation::runCaseAsNobody(const QString& strDir) const
+{
+    QProcessEnvironment env;
+    const QString strFailure = prepareChild(strDir, env);
+    if (!strFailure.isEmpty())
+        return strFailure;
+
+    const QString strFunction = QString::fromLatin1(QTest::currentTestFunction());
+    const QString strTag = QString::fromUtf8(QTest::currentDataTag());
     QProcess proc;
     proc.setProcessEnvironment(env);
     proc.setWorkingDirectory(strDir);
     proc.setProcessChannelMode(QProcess::MergedChannels);
-    proc.start(QStringLiteral("setpriv"), QStringList(kAsNobody) << strExe << strCase);
-    if (!proc.waitForFinished(120000))
+    proc.start(QStringLiteral("setpriv"), QStringList(kAsNobody) << strDir + QStringLiteral("/tst-child")
+                                                                 << strFunction + QLatin1Char(':') + strTag);
+    if (!proc.waitForFinished(120000)) {
+        proc.kill();
+        proc.waitForFinished();
         return QStringLiteral("the child did not finish");
+    }
     const QString strOut = QString::fromLocal8Bit(proc.readAll());
-    const QString strPass = QStringLiteral("PASS   : tst_InstallLocation::%1(%2)")
-                                .arg(QString::fromLatin1(QTest::currentTestFunction()),
-                                     QString::fromUtf8(QTest::currentDataTag()));
+    // A skip in the child also exits with 0: only its PASS line counts.
+    const QString strPass = QStringLiteral("PASS   : tst_InstallLocation::%1(%2)").arg(strFunction, strTag);
     if (proc.exitStatus() != QProcess::NormalExit || proc.exitCode() != 0 || !strOut.contains(strPass))
         return QStringLiteral("as user 65534:\n") + strOut;
     return QString();
 }
 
 // Runs the rest of the case as an unprivileged user: in a child when we are root, else right here.
-#define RUN_UNPRIVILEGED(strDir)                                                                        \
-    do {                                                                                                \
-        if (!isChildRun() && geteuid() == 0) {                                                          \
-            const QString strWhy = unprivilegedUnavailable();                                           \
-            if (!strWhy.isEmpty())                                                                      \
-                QSKIP(qPrintable(strWhy + QStringLiteral("; root may write everywhere, so this case needs another user"))); \
-            const QString strFailure = runCaseAsNobody(strDir);                                         \
-            QVERIFY2(strFailure.isEmpty(), qPrintable(strFailure));                                     \
-            return;                                                                                     \
-        }                                                                                               \
+#define RUN_UNPRIVILEGED(strDir)                                                                   \
+    do {                                                                                           \
+        if (!isChildRun() && geteuid() == 0) {                                                     \
+            const QString strWhy = unprivilegedUnavailable();                                      \
+            if (!strWhy.isEmpty())                                                                 \
+                QSKIP(qPrintable(QStringLiteral("root may write everywhere and ") + strWhy));      \
+            const QString strFailure = runCaseAsNobody(strDir);                                    \
+            QVERIFY2(strFailure.isEmpty(), qPrintable(strFailure));                                \
+            return;                                                                                \
+        }                                                                                          \
     } while (false)
+
+// The locked tree of an unprivileged case: built here, or the parent's when we are the child.
+#define LOCKED_TREE(strDir)                                                                        \
+    const QTemporaryDir caseDir;                                                                   \
+    const QString strDir = isChildRun() ? qEnvironmentVariable(kChildDirVar) : caseDir.path();     \
+    std::unique_ptr<DLockedTree> tree;                                                             \
+    if (!isChildRun()) {                                                                           \
+        tree = std::make_unique<DLockedTree>(strDir);                                              \
+        QVERIFY(tree->bOk);                                                                        \
+    }
 
 void tst_InstallLocation::judgement_data()
 {
@@ -336,13 +373,7 @@ void tst_InstallLocation::unprivilegedJudgement()
     QFETCH(QString, text);
     QFETCH(bool, expected);
 
-    const QTemporaryDir caseDir;
-    const QString strDir = isChildRun() ? qEnvironmentVariable(kChildDirVar) : caseDir.path();
-    std::unique_ptr<DLockedTree> tree;
-    if (!isChildRun()) {
-        tree = std::make_unique<DLockedTree>(strDir);
-        QVERIFY(tree->bOk);
-    }
+    LOCKED_TREE(strDir)
     RUN_UNPRIVILEGED(strDir);
     setLocation(text.replace(QLatin1Char('@'), strDir));
     expectJudgement(expected);
@@ -350,13 +381,7 @@ void tst_InstallLocation::unprivilegedJudgement()
 
 void tst_InstallLocation::typingWaitsForShowEvent()
 {
-    const QTemporaryDir caseDir;
-    const QString strDir = isChildRun() ? qEnvironmentVariable(kChildDirVar) : caseDir.path();
-    std::unique_ptr<DLockedTree> tree;
-    if (!isChildRun()) {
-        tree = std::make_unique<DLockedTree>(strDir);
-        QVERIFY(tree->bOk);
-    }
+    LOCKED_TREE(strDir)
     RUN_UNPRIVILEGED(strDir);
 
     setLocation(strDir + QStringLiteral("/open/app"));
