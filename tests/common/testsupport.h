@@ -4,6 +4,7 @@
 #include <QList>
 #include <QPair>
 #include <QString>
+#include <QStringList>
 
 namespace TestSupport {
 
@@ -11,25 +12,41 @@ namespace TestSupport {
 bool writeFile(const QString& path, const QByteArray& content);
 QByteArray readFile(const QString& path);
 
-struct ProcessResult
-{
-    bool skipped = false;  ///< the environment cannot run it; output says why
-    int exitCode = -1;
-    QByteArray output;     ///< standard output and error, merged
-};
-
 using EnvList = QList<QPair<QByteArray, QByteArray>>;
 
-/// True where this process may run children as the unprivileged user 65534.
-bool canRunAsNobody(QString* why = nullptr);
+/// Why this process cannot run children as the unprivileged user 65534;
+/// empty when it can (it is root and setpriv works).
+QString unprivilegedUnavailable();
 
-/// Runs one test function of the current test binary again, as user 65534,
-/// with extra environment. The directories in readableDirs (and their
-/// parents) are opened up so that the user can reach them.
-ProcessResult runTestFunctionAsNobody(const QString& testFunction, const EnvList& env,
-                                      const QString& readableDir = QString());
+/// Set in a child started by runCurrentCaseAsNobody: the directory the
+/// parent handed over.
+bool isUnprivilegedChild();
+QString unprivilegedChildDir();
 
-/// Makes a directory and every parent up to "/" traversable by everyone.
-void openUpForOthers(const QString& dir);
+/// Runs the current test function and data row again, as user 65534, from
+/// a copy of the test binary placed in strDir (the build tree may lie where
+/// that user cannot read), with HOME and a runtime directory of its own.
+/// Empty when the child passed the case; else what went wrong.
+QString runCurrentCaseAsNobody(const QString& strDir, const EnvList& extraEnv = EnvList());
+
+/// Opens strDir to other users (read and enter) so a child as 65534 can use
+/// the files in it; a QTemporaryDir is private to its owner.
+void openForOthers(const QString& strDir);
 
 } // namespace TestSupport
+
+// Runs the rest of a case as an unprivileged user: in a child when this
+// process is root, else right here. Skips where neither is possible.
+// Extra arguments are entries of the child's environment: {"NAME", "value"}.
+#define TAVELIN_RUN_UNPRIVILEGED(strDir, ...)                                                      \
+    do {                                                                                           \
+        if (!TestSupport::isUnprivilegedChild() && geteuid() == 0) {                               \
+            const QString strWhy = TestSupport::unprivilegedUnavailable();                         \
+            if (!strWhy.isEmpty())                                                                 \
+                QSKIP(qPrintable(QStringLiteral("root may write everywhere and ") + strWhy));      \
+            const QString strFailure = TestSupport::runCurrentCaseAsNobody(                       \
+                strDir, TestSupport::EnvList{__VA_ARGS__});                                        \
+            QVERIFY2(strFailure.isEmpty(), qPrintable(strFailure));                                \
+            return;                                                                                \
+        }                                                                                          \
+    } while (false)

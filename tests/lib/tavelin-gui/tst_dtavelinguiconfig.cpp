@@ -135,7 +135,7 @@ void tst_DTavelinGuiConfig::currentUser_data()
     QTest::newRow("no passwd record, USER unset: empty") << "54321" << QByteArray() << "";
 }
 
-// The effective user decides; each row runs in a child with another uid.
+// The effective user decides: each row runs in a child with another uid.
 void tst_DTavelinGuiConfig::currentUser()
 {
     if (qEnvironmentVariableIsSet("TAVELIN_CHILD_USER")) {
@@ -146,24 +146,29 @@ void tst_DTavelinGuiConfig::currentUser()
     QFETCH(QString, uid);
     QFETCH(QByteArray, userEnv);
     QFETCH(QString, expected);
-    QString strWhy;
-    if (!TestSupport::canRunAsNobody(&strWhy))
+    const QString strWhy = TestSupport::unprivilegedUnavailable();
+    if (!strWhy.isEmpty())
         QSKIP(qPrintable(strWhy));
 
+    QTemporaryDir caseDir;
+    TestSupport::openForOthers(caseDir.path());
+    const QString strExe = caseDir.filePath(QStringLiteral("tst-child"));
+    QVERIFY(QFile::copy(QCoreApplication::applicationFilePath(), strExe));
     QProcess process;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("TAVELIN_CHILD_USER"), expected);
+    env.insert(QStringLiteral("HOME"), caseDir.path());
     env.remove(QStringLiteral("USER"));
     if (!userEnv.isNull())
         env.insert(QStringLiteral("USER"), QString::fromLocal8Bit(userEnv));
     process.setProcessEnvironment(env);
     process.setProcessChannelMode(QProcess::MergedChannels);
-    TestSupport::openUpForOthers(QCoreApplication::applicationDirPath());
-    process.start(QStringLiteral("setpriv"),
-                  {QStringLiteral("--reuid=") + uid, QStringLiteral("--regid=") + uid, QStringLiteral("--clear-groups"),
-                   QCoreApplication::applicationFilePath(), QStringLiteral("currentUser")});
+    process.start(QStringLiteral("setpriv"), {QStringLiteral("--reuid=") + uid, QStringLiteral("--regid=") + uid,
+                                              QStringLiteral("--clear-groups"), strExe, QStringLiteral("currentUser")});
     QVERIFY(process.waitForFinished(30000));
-    QVERIFY2(process.exitCode() == 0, process.readAll().constData());
+    const QByteArray output = process.readAll();
+    QVERIFY2(process.exitCode() == 0 && output.contains("PASS   : tst_DTavelinGuiConfig::currentUser("),
+             output.constData());
 }
 
 QTEST_GUILESS_MAIN(tst_DTavelinGuiConfig)

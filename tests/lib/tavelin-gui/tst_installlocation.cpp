@@ -6,11 +6,8 @@
 #include <QFileDialog>
 #include <QLabel>
 #include <QLineEdit>
-#include <QProcess>
 #include <QPushButton>
-#include <QRegularExpression>
 #include <QShowEvent>
-#include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTimer>
 #include <QUuid>
@@ -22,11 +19,6 @@
 
 namespace {
 
-// Set in a child that re-runs one case as user 65534: the tree its parent built.
-const char* const kChildDirVar = "TAVELIN_TEST_UNPRIVILEGED_DIR";
-const QStringList kAsNobody{QStringLiteral("--reuid=65534"), QStringLiteral("--regid=65534"),
-                            QStringLiteral("--clear-groups")};
-
 TAppPackInfo& packInfo()
 {
     return *DTavelinGuiConfig::getInstance().getAppPackInfo();
@@ -35,11 +27,6 @@ TAppPackInfo& packInfo()
 QString uniqueName()
 {
     return QStringLiteral("tavelin-no-such-") + QUuid::createUuid().toString(QUuid::Id128);
-}
-
-bool isChildRun()
-{
-    return qEnvironmentVariableIsSet(kChildDirVar);
 }
 
 /// A tree with a writable and an unwritable branch; writable again on the way out,
@@ -118,9 +105,6 @@ private:
     bool rowShown() const;
     TDialogVisit chooseDirectory(const QString& strChoice);
     void expectJudgement(bool bExpected);
-    QString unprivilegedUnavailable() const;
-    QString prepareChild(const QString& strDir, QProcessEnvironment& env) const;
-    QString runCaseAsNobody(const QString& strDir) const;
 
     QTemporaryDir tmpDir;
     QString strBase; // canonical path of tmpDir
@@ -234,99 +218,12 @@ TDialogVisit tst_InstallLocation::chooseDirectory(const QString& strChoice)
     return visit;
 }
 
-QString tst_InstallLocation::unprivilegedUnavailable() const
-{
-    if (QStandardPaths::findExecutable(QStringLiteral("setpriv")).isEmpty())
-        return QStringLiteral("setpriv is not installed");
-    QProcess proc;
-    proc.start(QStringLiteral("setpriv"), QStringList(kAsNobody) << QStringLiteral("true"));
-    if (!proc.waitForFinished(30000) || proc.exitStatus() != QProcess::NormalExit || proc.exitCode() != 0)
-        return QStringLiteral("cannot switch to user 65534: ") + QString::fromLocal8Bit(proc.readAllStandardError());
-    return QString();
-}
-
-// What the child needs, copied into strDir: the build tree may lie where user 65534 cannot read.
-QString tst_InstallLocation::prepareChild(const QString& strDir, QProcessEnvironment& env) const
-{
-    const QString strExe = strDir + QStringLiteral("/tst-child");
-    if (!QFile::exists(strExe) && !QFile::copy(QCoreApplication::applicationFilePath(), strExe))
-        return QStringLiteral("cannot copy the test binary");
-    QFile::setPermissions(strExe, QFileDevice::ReadOwner | QFileDevice::ExeOwner | QFileDevice::ReadOther
-                                      | QFileDevice::ExeOther);
-
-    // Qt wants a runtime directory of the user's own; without one it makes one in /tmp.
-    const QString strRuntime = strDir + QStringLiteral("/runtime");
-    if (!QDir().mkpath(strRuntime) || ::chown(QFile::encodeName(strRuntime).constData(), 65534, 65534) != 0
-        || !QFile::setPermissions(strRuntime, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner))
-        return QStringLiteral("cannot prepare a runtime directory for user 65534");
-
-    env = QProcessEnvironment::systemEnvironment();
-    env.insert(QString::fromLatin1(kChildDirVar), strDir);
-    env.insert(QStringLiteral("HOME"), strDir);
-    env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
-    env.insert(QStringLiteral("XDG_RUNTIME_DIR"), strRuntime);
-
-    // Under the leak checker the child needs the suppressions too.
-    QString strLsan = env.value(QStringLiteral("LSAN_OPTIONS"));
-    const QRegularExpressionMatch match = QRegularExpression(QStringLiteral("suppressions=([^:]+)")).match(strLsan);
-    if (match.hasMatch()) {
-        const QString strSupp = strDir + QStringLiteral("/lsan.supp");
-        if (!QFile::exists(strSupp) && !QFile::copy(match.captured(1), strSupp))
-            return QStringLiteral("cannot copy the leak suppressions");
-        QFile::setPermissions(strSupp, QFileDevice::ReadOwner | QFileDevice::ReadOther);
-        env.insert(QStringLiteral("LSAN_OPTIONS"), strLsan.replace(match.captured(1), strSupp));
-    }
-    return QString();
-}
-
-// Runs the current case again as user 65534 on the tree below strDir; empty when it passed there.
-QString tst_InstallLocation::runCaseAsNobody(const QString& strDir) const
-{
-    QProcessEnvironment env;
-    const QString strFailure = prepareChild(strDir, env);
-    if (!strFailure.isEmpty())
-        return strFailure;
-
-    const QString strFunction = QString::fromLatin1(QTest::currentTestFunction());
-    const QString strTag = QString::fromUtf8(QTest::currentDataTag());
-    QProcess proc;
-    proc.setProcessEnvironment(env);
-    proc.setWorkingDirectory(strDir);
-    proc.setProcessChannelMode(QProcess::MergedChannels);
-    proc.start(QStringLiteral("setpriv"), QStringList(kAsNobody) << strDir + QStringLiteral("/tst-child")
-                                                                 << strFunction + QLatin1Char(':') + strTag);
-    if (!proc.waitForFinished(120000)) {
-        proc.kill();
-        proc.waitForFinished();
-        return QStringLiteral("the child did not finish");
-    }
-    const QString strOut = QString::fromLocal8Bit(proc.readAll());
-    // A skip in the child also exits with 0: only its PASS line counts.
-    const QString strPass = QStringLiteral("PASS   : tst_InstallLocation::%1(%2)").arg(strFunction, strTag);
-    if (proc.exitStatus() != QProcess::NormalExit || proc.exitCode() != 0 || !strOut.contains(strPass))
-        return QStringLiteral("as user 65534:\n") + strOut;
-    return QString();
-}
-
-// Runs the rest of the case as an unprivileged user: in a child when we are root, else right here.
-#define RUN_UNPRIVILEGED(strDir)                                                                   \
-    do {                                                                                           \
-        if (!isChildRun() && geteuid() == 0) {                                                     \
-            const QString strWhy = unprivilegedUnavailable();                                      \
-            if (!strWhy.isEmpty())                                                                 \
-                QSKIP(qPrintable(QStringLiteral("root may write everywhere and ") + strWhy));      \
-            const QString strFailure = runCaseAsNobody(strDir);                                    \
-            QVERIFY2(strFailure.isEmpty(), qPrintable(strFailure));                                \
-            return;                                                                                \
-        }                                                                                          \
-    } while (false)
-
 // The locked tree of an unprivileged case: built here, or the parent's when we are the child.
 #define LOCKED_TREE(strDir)                                                                        \
     const QTemporaryDir caseDir;                                                                   \
-    const QString strDir = isChildRun() ? qEnvironmentVariable(kChildDirVar) : caseDir.path();     \
+    const QString strDir = TestSupport::isUnprivilegedChild() ? TestSupport::unprivilegedChildDir() : caseDir.path();     \
     std::unique_ptr<DLockedTree> tree;                                                             \
-    if (!isChildRun()) {                                                                           \
+    if (!TestSupport::isUnprivilegedChild()) {                                                                           \
         tree = std::make_unique<DLockedTree>(strDir);                                              \
         QVERIFY(tree->bOk);                                                                        \
     }
@@ -374,7 +271,7 @@ void tst_InstallLocation::unprivilegedJudgement()
     QFETCH(bool, expected);
 
     LOCKED_TREE(strDir)
-    RUN_UNPRIVILEGED(strDir);
+    TAVELIN_RUN_UNPRIVILEGED(strDir, {"QT_QPA_PLATFORM", "offscreen"});
     setLocation(text.replace(QLatin1Char('@'), strDir));
     expectJudgement(expected);
 }
@@ -382,7 +279,7 @@ void tst_InstallLocation::unprivilegedJudgement()
 void tst_InstallLocation::typingWaitsForShowEvent()
 {
     LOCKED_TREE(strDir)
-    RUN_UNPRIVILEGED(strDir);
+    TAVELIN_RUN_UNPRIVILEGED(strDir, {"QT_QPA_PLATFORM", "offscreen"});
 
     setLocation(strDir + QStringLiteral("/open/app"));
     wizard->show();

@@ -67,29 +67,21 @@ void tst_JsonUtil::directoryIsNoFile()
     QVERIFY(!JsonUtil::initObjFromJsonFile(tempDir.path().toStdString(), info));
 }
 
-// Root reads every file, so the unreadable case runs as an unprivileged user.
+// Root reads every file, so the case runs as an unprivileged user.
 void tst_JsonUtil::unreadableFile()
 {
-    if (qEnvironmentVariableIsSet("TAVELIN_CHILD_READ")) {
-        TAppPackInfo info;
-        const bool bRead = JsonUtil::initObjFromJsonFile(qgetenv("TAVELIN_CHILD_READ").toStdString(), info);
-        QVERIFY(!bRead);
-        QVERIFY(info.base.nameEng.empty());
-        return;
+    QTemporaryDir caseDir;
+    const QString strDir = TestSupport::isUnprivilegedChild() ? TestSupport::unprivilegedChildDir() : caseDir.path();
+    const QString strPath = strDir + QStringLiteral("/locked.json");
+    if (!TestSupport::isUnprivilegedChild()) {
+        QVERIFY(TestSupport::writeFile(strPath, R"({"base":{"nameEng":"Demo"}})"));
+        QVERIFY(QFile::setPermissions(strPath, QFileDevice::Permissions()));
     }
-    const QString strPath = tempDir.filePath(QStringLiteral("locked.json"));
-    QVERIFY(TestSupport::writeFile(strPath, R"({"base":{"nameEng":"Demo"}})"));
-    QVERIFY(QFile::setPermissions(strPath, QFileDevice::Permissions()));
-    if (geteuid() != 0) {
-        TAppPackInfo info;
-        QVERIFY(!JsonUtil::initObjFromJsonFile(strPath.toStdString(), info));
-        return;
-    }
-    const TestSupport::ProcessResult result = TestSupport::runTestFunctionAsNobody(
-        QStringLiteral("unreadableFile"), {{"TAVELIN_CHILD_READ", strPath.toLocal8Bit()}}, tempDir.path());
-    if (result.skipped)
-        QSKIP(qPrintable(result.output));
-    QVERIFY2(result.exitCode == 0, result.output.constData());
+    TAVELIN_RUN_UNPRIVILEGED(strDir);
+
+    TAppPackInfo info;
+    QVERIFY(!JsonUtil::initObjFromJsonFile(strPath.toStdString(), info));
+    QVERIFY(info.base.nameEng.empty());
 }
 
 QTEST_GUILESS_MAIN(tst_JsonUtil)
