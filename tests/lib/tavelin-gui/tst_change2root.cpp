@@ -271,7 +271,6 @@ void TestChange2Root::acceptedLaunchReplacesWizard()
     QVERIFY(baEnviron.split('\0').contains("FORKPID=" + QByteArray::number(oldWizard)));
     // Answering after the old one is gone: the new wizard is the one left.
     QCOMPARE(probe->send(newWizards.first(), "ping"), QByteArray("pong"));
-    QCOMPARE(childrenOf(getpid()).contains(newWizards.first()), true);
 }
 
 void TestChange2Root::refusedLaunchBringsWizardBack_data()
