@@ -1,0 +1,20 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+struct TPackTreeScan;
+
+/// The refusals that keep a package from installing broken. Each returns
+/// false with strError naming the problem.
+class DPackChecks
+{
+public:
+    /// Runs desktop-file-validate; its hints, when it accepts, go to warnings.
+    static bool checkDesktopEntry(const QString& strPath, QString& strError, QStringList& warnings);
+    static bool checkIcon(const QString& strPath, QString& strError);
+    /// The wizard cuts localDir's length off mainExePath; what is left must
+    /// name a file the copy installs.
+    static bool checkMainExe(const QString& strLocalDir, const QString& strMainExePath, const TPackTreeScan& scan,
+                             QString& strError);
+};
