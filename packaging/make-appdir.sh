@@ -1,0 +1,122 @@
+#!/usr/bin/env bash
+# Builds an AppDir around a payload: the wizard in usr/bin, the Qt libraries
+# and plugins it needs in usr/lib and usr/plugins with an $ORIGIN rpath, and
+# AppRun, a desktop entry and the icon at the root.
+#   packaging/make-appdir.sh PAYLOAD_DIR TAVELIN_GUI APPDIR
+# PAYLOAD_DIR holds soft/ as tavelin-pack writes it; APPDIR must not exist.
+set -euo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+die() { echo "make-appdir: $*" >&2; exit 1; }
+
+[ $# -eq 3 ] || die "usage: make-appdir.sh PAYLOAD_DIR TAVELIN_GUI APPDIR"
+payload=$1 gui=$2 appdir=$3
+manifest=$payload/soft/mainifest.json
+[ -f "$manifest" ] || die "$manifest not found: pack the application with tavelin-pack first"
+[ -x "$gui" ] || die "$gui is not an executable"
+[ ! -e "$appdir" ] || die "$appdir exists already"
+for tool in patchelf readelf ldd; do
+    command -v "$tool" >/dev/null || die "$tool not found (Debian packages patchelf, binutils, libc-bin)"
+done
+qmake=$(command -v qmake || command -v qmake-qt5 || echo /usr/lib/qt5/bin/qmake)
+[ -x "$qmake" ] || die "qmake not found (Debian package qtbase5-dev-tools)"
+qt_plugins=$("$qmake" -query QT_INSTALL_PLUGINS)
+
+# tavelin-pack writes one key a line; the two names read here are unique keys.
+manifest_value() { # key
+    sed -n 's/^ *"'"$1"'": "\(.*\)",\{0,1\}$/\1/p' "$manifest" | head -n 1
+}
+name=$(manifest_value nameEng)
+app_icon=$(manifest_value appIcon)
+[ -n "$name" ] || die "the manifest names no base.nameEng"
+[ -f "$payload/soft/images/$app_icon" ] || die "icon soft/images/$app_icon missing from the payload"
+
+mkdir -p "$appdir/usr/bin" "$appdir/usr/lib" "$appdir/usr/plugins"
+cp -a "$payload/soft" "$appdir/soft"
+install -m 0755 "$gui" "$appdir/usr/bin/tavelin-gui"
+printf '[Paths]\nPrefix = ..\nLibraries = lib\nPlugins = plugins\n' > "$appdir/usr/bin/qt.conf"
+
+# Plugins the wizard loads: the X11 platform (offscreen and minimal for
+# headless runs), its GL integrations, image formats and the gtk3 theme.
+for plugin in platforms/libqxcb.so platforms/libqoffscreen.so platforms/libqminimal.so \
+              xcbglintegrations/libqxcb-glx-integration.so xcbglintegrations/libqxcb-egl-integration.so \
+              platformthemes/libqgtk3.so imageformats/*.so; do
+    for file in "$qt_plugins"/$plugin; do
+        [ -f "$file" ] || continue
+        category=$(basename "$(dirname "$file")")
+        mkdir -p "$appdir/usr/plugins/$category"
+        install -m 0755 "$file" "$appdir/usr/plugins/$category/"
+    done
+done
+[ -f "$appdir/usr/plugins/platforms/libqxcb.so" ] || die "xcb platform plugin not found in $qt_plugins"
+
+mapfile -t excludes < <(grep -v -E '^\s*(#|$)' "$here/appdir-excludes.txt")
+is_excluded() {
+    local pattern
+    for pattern in "${excludes[@]}"; do
+        [[ $1 =~ ^${pattern}$ ]] && return 0
+    done
+    return 1
+}
+
+# Follows DT_NEEDED from each ELF, stopping at excluded libraries, so that
+# nothing only an excluded library needs is carried either.
+declare -A seen=()
+bundle_needs() { # elf
+    local elf=$1 soname path
+    declare -A where=()
+    while read -r soname _ path _; do
+        [ -n "$path" ] && where[$soname]=$path
+    done < <(ldd "$elf" | grep '=> /')
+    for soname in $(readelf -d "$elf" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p'); do
+        [ -n "${seen[$soname]:-}" ] && continue
+        seen[$soname]=1
+        is_excluded "$soname" && continue
+        path=${where[$soname]:-}
+        [ -n "$path" ] || die "$elf needs $soname, which is not found"
+        install -m 0644 "$(readlink -f "$path")" "$appdir/usr/lib/$soname"
+        bundle_needs "$appdir/usr/lib/$soname"
+    done
+}
+bundle_needs "$appdir/usr/bin/tavelin-gui"
+for plugin in "$appdir"/usr/plugins/*/*.so; do
+    bundle_needs "$plugin"
+done
+
+patchelf --set-rpath '$ORIGIN/../lib' "$appdir/usr/bin/tavelin-gui"
+for lib in "$appdir"/usr/lib/*.so*; do
+    patchelf --set-rpath '$ORIGIN' "$lib"
+done
+for plugin in "$appdir"/usr/plugins/*/*.so; do
+    patchelf --set-rpath '$ORIGIN/../../lib' "$plugin"
+done
+
+# The AppImage's own entry and icon: the installer, not the application.
+icon_name=tavelin-installer-$(basename "${app_icon%.*}")
+icon_ext=${app_icon##*.}
+cp "$payload/soft/images/$app_icon" "$appdir/$icon_name.$icon_ext"
+ln -s "$icon_name.$icon_ext" "$appdir/.DirIcon"
+cat > "$appdir/tavelin-installer.desktop" <<DESKTOP
+[Desktop Entry]
+Type=Application
+Name=$name Installer
+Name[zh_CN]=$name 安装程序
+Exec=tavelin-gui
+Icon=$icon_name
+Categories=System;
+Terminal=false
+DESKTOP
+if command -v desktop-file-validate >/dev/null; then
+    desktop-file-validate "$appdir/tavelin-installer.desktop" || die "the AppDir's desktop entry is rejected"
+fi
+
+cat > "$appdir/AppRun" <<'APPRUN'
+#!/bin/sh
+# Starts the wizard on the payload beside this file; the working directory
+# is left as the caller had it.
+here=$(dirname "$(readlink -f "$0")")
+APPDIR=$here
+export APPDIR
+exec "$here/usr/bin/tavelin-gui" "$@"
+APPRUN
+chmod 0755 "$appdir/AppRun"
+echo "make-appdir: $appdir ready ($(ls "$appdir/usr/lib" | wc -l) libraries, $(ls "$appdir"/usr/plugins/*/*.so | wc -l) plugins)"
