@@ -4,9 +4,11 @@
 # into the wizard; the installed program starts through its desktop entry;
 # uninstall.sh, answered y, removes everything. Needs root (to become
 # uid 65534), Xvfb, xdotool, setpriv, gio and desktop-file-validate.
-#   packaging/e2e-demo.sh APPIMAGE
+#   packaging/e2e-demo.sh APPIMAGE WMSTATE
+# WMSTATE is the tavelin-x-wmstate program of the build.
 set -euo pipefail
-[ $# -eq 1 ] || { echo "usage: e2e-demo.sh APPIMAGE" >&2; exit 2; }
+[ $# -eq 2 ] || { echo "usage: e2e-demo.sh APPIMAGE WMSTATE" >&2; exit 2; }
+wmstate=$(readlink -f "$2")
 fail() { echo "e2e-demo: FAIL: $*" >&2; [ -f "$scratch/wizard.log" ] && sed 's/^/  wizard: /' "$scratch/wizard.log" >&2; exit 1; }
 step() { echo "e2e-demo: $*"; }
 for tool in Xvfb xdotool setpriv gio desktop-file-validate; do
@@ -57,12 +59,16 @@ appdir=$(tr '\0' '\n' < "/proc/$wizard/environ" 2>/dev/null | sed -n 's/^APPDIR=
 step "wizard window $window is up as uid $nobody, payload at $appdir ($(grep -qs " $appdir " /proc/mounts && echo mounted || echo extracted))"
 
 # The proposed /opt/tavelin-demo is not writable for this user: type another
-# location, then hide and show the window, whose show event judges it anew.
+# location, then minimise and restore the window as a window manager would;
+# the show event of the restore judges the location anew.
 xdotool windowactivate --sync "$window" 2>/dev/null || xdotool windowfocus --sync "$window"
 xdotool key --window "$window" --clearmodifiers ctrl+a BackSpace
 xdotool type --window "$window" --delay 20 "$location"
-xdotool windowunmap --sync "$window"
-xdotool windowmap --sync "$window"
+# The pauses let the wizard take in each state change before the next.
+"$wmstate" "$window" iconic
+sleep 0.5
+"$wmstate" "$window" normal
+sleep 0.5
 xdotool windowfocus --sync "$window" 2>/dev/null || true
 xdotool key --window "$window" Return
 for _ in $(seq 300); do

@@ -6,8 +6,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 appimage=$(tools/demo-appimage.sh --build | tail -n 1)
-cmake --build build -j "$(nproc)" --target tavelin-appimage-inspect >/dev/null
+cmake --build build -j "$(nproc)" --target tavelin-appimage-inspect tavelin-x-wmstate >/dev/null
 packaging/check-appimage.sh "$appimage" build/packaging/runtime/tavelin-runtime \
     build/packaging/check/tavelin-appimage-inspect
 packaging/check-appdir.sh out/demo.AppDir build/lib/tavelin-gui/tavelin-gui
-packaging/e2e-demo.sh "$appimage"
+packaging/e2e-demo.sh "$appimage" build/packaging/check/tavelin-x-wmstate
