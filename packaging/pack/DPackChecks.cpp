@@ -51,6 +51,15 @@ bool DPackChecks::checkIcon(const QString& strPath, QString& strError)
     return true;
 }
 
+QString DPackChecks::mainExeInTree(const QString& strLocalDir, const QString& strMainExePath)
+{
+    // The wizard keeps a leading slash as a doubled one, which still resolves.
+    QString strRelative = strMainExePath.mid(strLocalDir.size());
+    while (strRelative.startsWith(QLatin1Char('/')))
+        strRelative.remove(0, 1);
+    return strRelative;
+}
+
 bool DPackChecks::checkMainExe(const QString& strLocalDir, const QString& strMainExePath, const TPackTreeScan& scan,
                                QString& strError)
 {
@@ -60,10 +69,7 @@ bool DPackChecks::checkMainExe(const QString& strLocalDir, const QString& strMai
         strError = QStringLiteral("main program path %1 does not begin with the local dir %2").arg(strMainExePath, strLocalDir);
         return false;
     }
-    // The wizard keeps a leading slash as a doubled one, which still resolves.
-    QString strRelative = strMainExePath.mid(strLocalDir.size());
-    while (strRelative.startsWith(QLatin1Char('/')))
-        strRelative.remove(0, 1);
+    const QString strRelative = mainExeInTree(strLocalDir, strMainExePath);
     if (!scan.hasFile(strRelative)) {
         strError = QStringLiteral("main program path %1 names no installed file of the tree (looked for %2)")
                        .arg(strMainExePath, strRelative);

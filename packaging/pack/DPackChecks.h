@@ -15,6 +15,8 @@ public:
     static bool checkIcon(const QString& strPath, QString& strError);
     /// The wizard cuts localDir's length off mainExePath; what is left must
     /// name a file the copy installs.
+    /// The main program's path below the tree, as the installed Exec will reach it.
+    static QString mainExeInTree(const QString& strLocalDir, const QString& strMainExePath);
     static bool checkMainExe(const QString& strLocalDir, const QString& strMainExePath, const TPackTreeScan& scan,
                              QString& strError);
 };

@@ -37,8 +37,19 @@ bool DPacker::pack(const TPackRequest& request)
         || !DPackChecks::checkDesktopEntry(request.desktopEntry, strError, warnings)
         || !DPackChecks::checkIcon(request.icon, strError) || !checkOutputDir(request.outputDir))
         return false;
+    warnIfNotExecutable(request);
     filesTotalCount = scan.count();
     return writePayload(request, scan);
+}
+
+void DPacker::warnIfNotExecutable(const TPackRequest& request)
+{
+    if (request.mainExePath.isEmpty())
+        return;
+    const QFileInfo fiMainExe(
+        QDir(request.appTree).filePath(DPackChecks::mainExeInTree(request.localDir, request.mainExePath)));
+    if (!fiMainExe.isExecutable())
+        warnings.append(QStringLiteral("main program %1 is not executable").arg(request.mainExePath));
 }
 
 bool DPacker::checkOutputDir(const QString& strOutputDir)

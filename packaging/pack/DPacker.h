@@ -38,6 +38,7 @@ public:
 
 private:
     bool checkOutputDir(const QString& strOutputDir);
+    void warnIfNotExecutable(const TPackRequest& request);
     bool writePayload(const TPackRequest& request, const TPackTreeScan& scan);
     bool writeManifest(const TPackRequest& request, const QString& strPath);
     bool copyFile(const QString& strSrc, const QString& strDst);

@@ -249,15 +249,19 @@ void tst_TavelinPack::warnsWithoutStopping_data()
 {
     QTest::addColumn<QString>("entry");
     QTest::addColumn<QString>("warning");
-    QTest::newRow("hidden file") << "f share/.cache" << "hidden entry share/.cache will not be installed";
-    QTest::newRow("fifo") << "p share/pipe" << "special file share/pipe will not be installed";
-    QTest::newRow("dangling link") << "l share/gone missing" << "dangling link share/gone will not be installed";
+    QTest::addColumn<bool>("bLeftOut");
+    QTest::newRow("hidden file") << "f share/.cache" << "hidden entry share/.cache will not be installed" << true;
+    QTest::newRow("fifo") << "p share/pipe" << "special file share/pipe will not be installed" << true;
+    QTest::newRow("dangling link") << "l share/gone missing" << "dangling link share/gone will not be installed" << true;
+    QTest::newRow("main program not executable") << "f share/readme"
+                                                 << "main program /build/demo/bin/demo is not executable" << false;
 }
 
 void tst_TavelinPack::warnsWithoutStopping()
 {
     QFETCH(QString, entry);
     QFETCH(QString, warning);
+    QFETCH(bool, bLeftOut);
     if (QStandardPaths::findExecutable(QStringLiteral("desktop-file-validate")).isEmpty())
         QSKIP("desktop-file-validate is not installed (Debian package desktop-file-utils)");
     const TPackRequest request = makeRequest(tempDir->path());
@@ -267,7 +271,8 @@ void tst_TavelinPack::warnsWithoutStopping()
     const QString strStderr = QString::fromLocal8Bit(process->readAllStandardError());
     QVERIFY2(strStderr.contains(QStringLiteral("tavelin-pack: warning: ") + warning), qPrintable(strStderr));
     QVERIFY(QFileInfo(request.outputDir + QStringLiteral("/soft/app/bin/demo")).isFile());
-    QVERIFY(!QFileInfo::exists(request.outputDir + QLatin1String("/soft/app/") + entry.section(QLatin1Char(' '), 1, 1)));
+    const QString strEntry = request.outputDir + QLatin1String("/soft/app/") + entry.section(QLatin1Char(' '), 1, 1);
+    QCOMPARE(QFileInfo::exists(strEntry), !bLeftOut);
 }
 
 void tst_TavelinPack::manifestLoadsBackEqual()
