@@ -79,11 +79,8 @@ done
 [ -f "$location/uninstall.sh" ] || fail "no uninstall.sh in $location after 30 s"
 step "installed into $location"
 
-for file in bin/tavelin-demo README.txt share/tavelin-demo/greeting.txt share/tavelin-demo/notes.md; do
-    [ -f "$location/$file" ] || fail "$location/$file missing"
-done
-cmp -s "$location/share/tavelin-demo/greeting.txt" "$(dirname "$0")/../examples/demo/soft/app/share/tavelin-demo/greeting.txt" \
-    || fail "greeting.txt differs from the payload's"
+diff -r --exclude=uninstall.sh "$(dirname "$0")/../examples/demo/soft/app" "$location" >"$scratch/tree.diff" \
+    || fail "the installed tree differs from the payload's: $(cat "$scratch/tree.diff")"
 [ -f "$entry" ] || fail "no desktop entry at $entry"
 desktop-file-validate "$entry" || fail "desktop-file-validate rejects $entry"
 grep -q "^Exec=\"$location/bin/tavelin-demo\"" "$entry" || fail "Exec of $entry does not name the installed program"
