@@ -238,6 +238,8 @@ QProcess* tst_TavelinPack::runPacker(const TPackRequest& request)
     const QStringList arguments{
         "--app", request.appTree, "--desktop", request.desktopEntry, "--icon", request.icon,
         "--name-eng", request.nameEng, "--name-chs", request.nameChs, "--app-version", request.version,
+        "--publisher", request.publisher, "--website", request.website, "--author", request.author,
+        "--email", request.email,
         "--parent-dir", request.defaultParentDir, "--dir", request.dir, "--local-dir", request.localDir,
         "--main-exe", request.mainExePath, "--output", request.outputDir};
     process->start(QStringLiteral(TAVELIN_PACK_BINARY), arguments);
@@ -316,6 +318,15 @@ void tst_TavelinPack::manifestLoadsBackEqual()
     QCOMPARE(TestSupport::readFile(strSoft + QStringLiteral("/desktop/share/applications/demo.desktop")), g_validDesktop);
     QCOMPARE(TestSupport::readFile(strSoft + QStringLiteral("/images/demo.png")), TestSupport::readFile(request.icon));
     QCOMPARE(countByPosixWalk((strSoft + QStringLiteral("/app")).toLocal8Bit()), loaded.install.filesTotalCount);
+
+    // The command line fills every member the same way.
+    request.outputDir = tempDir->filePath(QStringLiteral("out-cli"));
+    QScopedPointer<QProcess> process(runPacker(request));
+    QCOMPARE(process->exitCode(), 0);
+    TAppPackInfo loadedCli;
+    QVERIFY(JsonUtil::initObjFromJsonFile((request.outputDir + QStringLiteral("/soft/mainifest.json")).toStdString(), loadedCli));
+    expected.other.installPkgPath = request.outputDir.toStdString();
+    QVERIFY2(loadedCli == expected, qPrintable(loadedCli.toJsonString()));
 }
 
 void tst_TavelinPack::commandLineNeedsItsOptions()
