@@ -10,6 +10,10 @@ set -euo pipefail
 appdir=$(readlink -f "$1")
 control=${2:-}
 if [ "${TAVELIN_QT_HIDDEN:-}" != 1 ]; then
+    if ! unshare -m --propagation private true 2>/dev/null; then
+        echo "check-appdir: SKIP: no private mount namespace here (needs root and unshare -m)" >&2
+        exit 0
+    fi
     exec unshare -m --propagation private env TAVELIN_QT_HIDDEN=1 "$0" "$@"
 fi
 

@@ -92,7 +92,10 @@ done
 
 # The AppImage's own entry and icon: the installer, not the application.
 icon_name=tavelin-installer-$(basename "${app_icon%.*}")
-icon_ext=${app_icon##*.}
+case $app_icon in
+    *.*) icon_ext=${app_icon##*.} ;;
+    *) icon_ext=png ;;
+esac
 cp "$payload/soft/images/$app_icon" "$appdir/$icon_name.$icon_ext"
 ln -s "$icon_name.$icon_ext" "$appdir/.DirIcon"
 cat > "$appdir/tavelin-installer.desktop" <<DESKTOP
