@@ -29,8 +29,8 @@ chmod 0700 "$scratch/runtime"
 install -m 0755 "$1" "$scratch/demo.AppImage"
 xvfb= wizard=
 cleanup() {
-    [ -n "$wizard" ] && kill "$wizard" 2>/dev/null && wait "$wizard" 2>/dev/null
-    [ -n "$xvfb" ] && kill "$xvfb" 2>/dev/null
+    if [ -n "$wizard" ]; then kill "$wizard" 2>/dev/null || true; wait "$wizard" 2>/dev/null || true; fi
+    if [ -n "$xvfb" ]; then kill "$xvfb" 2>/dev/null || true; fi
     rm -rf "$scratch"
 }
 trap cleanup EXIT
