@@ -5,7 +5,7 @@
 # unprivileged user. Needs root.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-appimage=$(tools/demo-appimage.sh --build | tail -n 1)
+appimage=$(tools/demo-appimage.sh | tail -n 1)
 cmake --build build -j "$(nproc)" --target tavelin-appimage-inspect tavelin-x-wmstate >/dev/null
 packaging/check-appimage.sh "$appimage" build/packaging/runtime/tavelin-runtime \
     build/packaging/check/tavelin-appimage-inspect
