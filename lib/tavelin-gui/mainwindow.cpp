@@ -61,9 +61,10 @@ void MainWindow::closeBiz()
 {
 }
 
+// Once a run has started the button stays disabled, show events included.
 void MainWindow::enableCreate(bool bFlag)
 {
-    btnCreate->setEnabled(bFlag);
+    btnCreate->setEnabled(bFlag && flagOfInstallState == pending);
 }
 
 // Accept and reject both end here; the wizard leaves only through close().

@@ -3,6 +3,7 @@
 #include "DAppPackModel.h"
 
 #include <QString>
+#include <QStringList>
 #include <QTimer>
 #include <QVector>
 #include <QWizard>
@@ -120,6 +121,7 @@ protected:
 
     static void* threadProcHandle(void* arg);
     void threadProcHandleObj();
+    bool runInstallStages();
 
     QVector<TAppPackPageInfo> itemsOfPage;
     QPushButton* btnCreate = nullptr;
@@ -132,8 +134,18 @@ protected:
     DPageBaseInfo* pageInfoSet = nullptr;
 
 private:
+    void resolveRelativeInstallDir();
+    void startWorker();
+    void waitForWorker();
+    void paintRunEnd(int value, const QString& strText);
+    void markInstallFailed();
+    bool copyDirectoryEntries(const QString& srcPath, const QString& dstPath, bool coverFileIfExist,
+                              std::atomic<int>& counter);
+
     // Install engine state of our own (see mainwindow_install.cpp).
     std::atomic<bool> flagWorkerRunning{false};
+    // Canonical paths of the directories the copy is inside, worker only.
+    QStringList itemsOfCopyPath;
 };
 
 class DPageBaseInfo : public QWizardPage
