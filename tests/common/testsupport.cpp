@@ -9,6 +9,18 @@
 #include <QStandardPaths>
 #include <QtTest>
 
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QApplication>
+#include <QTest>
+#include <QTimerEvent>
+
+#include <cerrno>
+#include <cstdlib>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace TestSupport {
@@ -133,6 +145,162 @@ QString runCurrentCaseAsNobody(const QString& strDir, const EnvList& extraEnv)
     if (proc.exitStatus() != QProcess::NormalExit || proc.exitCode() != 0 || !bPassed)
         return QStringLiteral("as user 65534:\n") + strOut;
     return QString();
+}
+
+} // namespace TestSupport
+
+namespace TestSupport {
+
+namespace {
+
+const char* const kNamespaceVar = "TAVELIN_TEST_NAMESPACE";
+const char* const kInsideNamespace = "inside";
+
+} // namespace
+
+void enterPrivateApplicationsDir(int argc, char** argv)
+{
+    if (geteuid() != 0 || qEnvironmentVariableIsSet(kNamespaceVar))
+        return;
+    if (!QFileInfo(QStringLiteral("/usr/share/applications")).isDir()) {
+        qputenv(kNamespaceVar, "/usr/share/applications does not exist to be covered");
+        return;
+    }
+    if (std::system("unshare -m true >/dev/null 2>&1") != 0) {
+        qputenv(kNamespaceVar, "unshare -m is not possible here");
+        return;
+    }
+    const QByteArray baSelf = QFile::encodeName(QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath());
+    // A failed mount re-runs the binary outside, where the install cases skip.
+    const char* script = "mount --make-rprivate / && mount -t tmpfs tavelin-test /usr/share/applications"
+                         " && exec env TAVELIN_TEST_NAMESPACE=inside \"$0\" \"$@\";"
+                         " exec env TAVELIN_TEST_NAMESPACE='mounting a tmpfs over /usr/share/applications failed'"
+                         " \"$0\" \"$@\"";
+    std::vector<char*> args = {const_cast<char*>("unshare"), const_cast<char*>("-m"), const_cast<char*>("sh"),
+                               const_cast<char*>("-c"), const_cast<char*>(script),
+                               const_cast<char*>(baSelf.constData())};
+    for (int i = 1; i < argc; ++i)
+        args.push_back(argv[i]);
+    args.push_back(nullptr);
+    execvp("unshare", args.data());
+    qputenv(kNamespaceVar, "unshare could not be started");
+}
+
+QString applicationsDirUnavailable()
+{
+    if (geteuid() != 0)
+        return QString();
+    const QByteArray baState = qgetenv(kNamespaceVar);
+    if (baState == kInsideNamespace)
+        return QString();
+    if (baState.isEmpty())
+        return QStringLiteral("root run outside a private mount namespace (use TAVELIN_TEST_MAIN_ISOLATED)");
+    return QStringLiteral("root run needs a private /usr/share/applications: ") + QString::fromLocal8Bit(baState);
+}
+
+QString applicationsDir()
+{
+    if (DTavelinUtil::getCurrentUser() == QLatin1String("root"))
+        return QStringLiteral("/usr/share/applications");
+    return QDir::homePath() + QStringLiteral("/.local/share/applications");
+}
+
+void loadPayload(const QString& strAppDir)
+{
+    qputenv("APPDIR", QFile::encodeName(strAppDir));
+    DTavelinGuiConfig::getInstance().init();
+}
+
+bool writePayload(const QString& strAppDir, const QByteArray& baManifest, const QByteArray& baDesktop,
+                  const QStringList& appFiles)
+{
+    bool bOk = writeFile(strAppDir + QStringLiteral("/soft/mainifest.json"), baManifest);
+    const QJsonObject jsonInstall = QJsonDocument::fromJson(baManifest).object().value(QStringLiteral("install")).toObject();
+    const QString strDesktopFile = jsonInstall.value(QStringLiteral("desktopFile")).toString();
+    if (!strDesktopFile.isEmpty())
+        bOk = bOk && writeFile(strAppDir + QStringLiteral("/soft/desktop/share/applications/") + strDesktopFile, baDesktop);
+    bOk = bOk && QDir().mkpath(strAppDir + QStringLiteral("/soft/app"));
+    for (const QString& strFile : appFiles)
+        bOk = bOk && writeFile(strAppDir + QStringLiteral("/soft/app/") + strFile, strFile.toUtf8());
+    return bOk;
+}
+
+QByteArray manifestJson(int filesTotalCount, const QString& strDesktopFile)
+{
+    QJsonObject jsonBase{{QStringLiteral("nameEng"), QStringLiteral("Probe")}};
+    QJsonObject jsonInstall{{QStringLiteral("dir"), QStringLiteral("probe")},
+                            {QStringLiteral("filesTotalCount"), filesTotalCount},
+                            {QStringLiteral("desktopFile"), strDesktopFile}};
+    QJsonObject jsonFiles{{QStringLiteral("localDir"), QString()}, {QStringLiteral("mainExePath"), QString()}};
+    QJsonObject jsonRoot{{QStringLiteral("base"), jsonBase},
+                         {QStringLiteral("install"), jsonInstall},
+                         {QStringLiteral("files"), jsonFiles}};
+    return QJsonDocument(jsonRoot).toJson();
+}
+
+DFifoGate::DFifoGate(const QString& strPath)
+    : strPath(strPath)
+{
+    mkfifo(QFile::encodeName(strPath).constData(), 0600);
+}
+
+DFifoGate::~DFifoGate()
+{
+    releaseReader();
+}
+
+bool DFifoGate::waitForReader(int timeoutMs)
+{
+    const QByteArray baPath = QFile::encodeName(strPath);
+    return QTest::qWaitFor([&]() {
+        // Opening the write side without blocking succeeds only once a reader waits.
+        if (fdWriter < 0)
+            fdWriter = ::open(baPath.constData(), O_WRONLY | O_NONBLOCK);
+        return fdWriter >= 0;
+    }, timeoutMs);
+}
+
+void DFifoGate::releaseReader()
+{
+    if (fdWriter >= 0)
+        ::close(fdWriter);
+    fdWriter = -1;
+}
+
+QByteArray DFifoGate::drainWriter()
+{
+    const int fd = ::open(QFile::encodeName(strPath).constData(), O_RDONLY);
+    if (fd < 0)
+        return QByteArray();
+    QByteArray baAll;
+    char block[4096];
+    ssize_t n;
+    while ((n = ::read(fd, block, sizeof(block))) > 0 || (n < 0 && errno == EINTR)) {
+        if (n > 0)
+            baAll.append(block, int(n));
+    }
+    ::close(fd);
+    return baAll;
+}
+
+DMessageBoxCloser::DMessageBoxCloser(TMessageBoxSeen* seen)
+    : seen(seen)
+{
+    startTimer(10);
+}
+
+void DMessageBoxCloser::timerEvent(QTimerEvent* event)
+{
+    Q_UNUSED(event)
+    auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+    if (!box || !box->isVisible())
+        return;
+    ++seen->count;
+    seen->title = box->windowTitle();
+    seen->text = box->text();
+    seen->buttons = box->standardButtons();
+    seen->icon = box->icon();
+    box->done(QMessageBox::Ok);
 }
 
 } // namespace TestSupport
