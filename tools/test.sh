@@ -2,10 +2,12 @@
 # Builds Tavelin and runs the whole test suite with ctest.
 #   tools/test.sh                          plain build in build/
 #   tools/test.sh BUILD_DIR SANITIZERS     e.g. build-asan address,undefined
+#   tools/test.sh BUILD_DIR SANITIZERS RE  only the tests whose names match RE
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build}
 sanitize=${2:-}
+filter=${3:-}
 jobs=$(nproc)
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAVELIN_SANITIZE="$sanitize" >/dev/null
 cmake --build "$build" -j "$jobs"
@@ -16,4 +18,4 @@ if [ -n "$sanitize" ]; then
     export UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}
     export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
 fi
-ctest --test-dir "$build" --output-on-failure -j "$jobs"
+ctest --test-dir "$build" --output-on-failure -j "$jobs" ${filter:+-R "$filter"}
