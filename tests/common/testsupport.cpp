@@ -11,6 +11,7 @@
 
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QProcess>
 #include <QApplication>
 #include <QTest>
 #include <QTimerEvent>
@@ -203,6 +204,24 @@ QString applicationsDir()
     if (DTavelinUtil::getCurrentUser() == QLatin1String("root"))
         return QStringLiteral("/usr/share/applications");
     return QDir::homePath() + QStringLiteral("/.local/share/applications");
+}
+
+int runSelfAsNobody(const QStringList& testArgs, QByteArray* output)
+{
+    QProcess process;
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.remove(QStringLiteral("XDG_RUNTIME_DIR"));
+    env.insert(QStringLiteral("HOME"), QStringLiteral("/tmp"));
+    process.setProcessEnvironment(env);
+    process.setWorkingDirectory(QStringLiteral("/"));
+    const QString strSelf = QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath();
+    process.start(QStringLiteral("setpriv"),
+                  QStringList{"--reuid=65534", "--regid=65534", "--clear-groups", strSelf} + testArgs);
+    if (!process.waitForStarted() || !process.waitForFinished(60000))
+        return -1;
+    *output = process.readAll();
+    return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
 }
 
 void loadPayload(const QString& strAppDir)

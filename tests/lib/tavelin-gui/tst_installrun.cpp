@@ -16,6 +16,7 @@
 #include <memory>
 #include <thread>
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 using namespace TestSupport;
@@ -62,8 +63,10 @@ private slots:
     void workerFailures_data();
     void workerFailures();
     void closeDuringRunWaitsForWorker();
+    void threadStartFailure();
 
 private:
+    void runCaseAsNobody(const QString& strCase);
     bool preparePayload(int filesTotalCount, const QStringList& appFiles = kAppFiles);
     void openWindow();
     void startRun(const QString& strLocation);
@@ -436,8 +439,10 @@ void tst_InstallRun::workerFailures()
     const QString strLocation = tmpDir.path() + "/probe";
     QStringList expected;
     if (kind == "mkpath") {
-        if (geteuid() == 0)
-            QSKIP("as root the entry goes to /usr/share/applications, which exists");
+        if (geteuid() == 0) {
+            runCaseAsNobody("workerFailures:applications directory cannot be made");
+            return;
+        }
         QVERIFY(QDir(homeDir.path() + "/.local").removeRecursively());
         QVERIFY(writeFile(homeDir.path() + "/.local", "a file"));
     } else if (kind == "entry") {
@@ -488,6 +493,53 @@ void tst_InstallRun::closeDuringRunWaitsForWorker()
     QVERIFY(QFileInfo::exists(strLocation + "/c-gate"));
     releaser.join();
     QCOMPARE(filesBelow(strLocation), QStringList({"a", "b", "b/c", "c-gate"}));
+}
+
+// Root writes its entry to /usr/share/applications and may start threads
+// beyond any limit: such cases run again as an unprivileged user.
+void tst_InstallRun::runCaseAsNobody(const QString& strCase)
+{
+    QByteArray baOutput;
+    const int exitCode = runSelfAsNobody({strCase}, &baOutput);
+    if (exitCode < 0 || exitCode == 126 || exitCode == 127)
+        QSKIP("needs this test binary run as uid 65534 (setpriv), which cannot reach it here");
+    QString strFunction = strCase.section(':', 0, 0);
+    const QString strTag = strCase.section(':', 1);
+    const QByteArray baPass = "PASS   : tst_InstallRun::" + strFunction.toUtf8()
+        + (strTag.isEmpty() ? QByteArray("()") : "(" + strTag.toUtf8() + ")");
+    QVERIFY2(exitCode == 0 && baOutput.contains(baPass), baOutput.constData());
+}
+
+// A worker that cannot start ends the run as failed, painted by the next tick.
+void tst_InstallRun::threadStartFailure()
+{
+    if (geteuid() == 0) {
+        runCaseAsNobody("threadStartFailure");
+        return;
+    }
+    const QString strLocation = tmpDir.path() + "/probe";
+    openWindow();
+    QVERIFY(QTest::qWaitForWindowExposed(window.get()));
+    window->findChild<QLineEdit*>("editInstallDir")->setText(strLocation);
+    // Only the press runs under the limit: Qt's own pooled threads must not starve.
+    struct rlimit saved;
+    QCOMPARE(getrlimit(RLIMIT_NPROC, &saved), 0);
+    struct rlimit noThreads = saved;
+    noThreads.rlim_cur = 0;
+    QCOMPARE(setrlimit(RLIMIT_NPROC, &noThreads), 0);
+    window->createButton()->setEnabled(true);
+    window->createButton()->click();
+    QCOMPARE(setrlimit(RLIMIT_NPROC, &saved), 0);
+
+    QCOMPARE(window->installState(), MainWindow::failed);
+    QCOMPARE(window->createButton()->text(), QString("正在安装：1%"));
+    QTRY_COMPARE_WITH_TIMEOUT(window->createButton()->text(), QString("安装失败"), kRunTimeoutMs);
+    QCOMPARE(window->cancelButton()->text(), QString("关闭"));
+    QVERIFY(!window->createButton()->isEnabled());
+    QCOMPARE(filesBelow(strLocation), QStringList());
+    QVERIFY(!QFileInfo::exists(entryPath()));
+    window->cancelButton()->click();
+    QVERIFY(!window->isVisible());
 }
 
 TAVELIN_TEST_MAIN_ISOLATED(tst_InstallRun)
