@@ -206,24 +206,6 @@ QString applicationsDir()
     return QDir::homePath() + QStringLiteral("/.local/share/applications");
 }
 
-int runSelfAsNobody(const QStringList& testArgs, QByteArray* output)
-{
-    QProcess process;
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.remove(QStringLiteral("XDG_RUNTIME_DIR"));
-    env.insert(QStringLiteral("HOME"), QStringLiteral("/tmp"));
-    process.setProcessEnvironment(env);
-    process.setWorkingDirectory(QStringLiteral("/"));
-    const QString strSelf = QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath();
-    process.start(QStringLiteral("setpriv"),
-                  QStringList{"--reuid=65534", "--regid=65534", "--clear-groups", strSelf} + testArgs);
-    if (!process.waitForStarted() || !process.waitForFinished(60000))
-        return -1;
-    *output = process.readAll();
-    return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-}
-
 void loadPayload(const QString& strAppDir)
 {
     qputenv("APPDIR", QFile::encodeName(strAppDir));

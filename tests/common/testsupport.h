@@ -65,11 +65,6 @@ QString applicationsDirUnavailable();
 /// Where a run puts its desktop entry for the current user.
 QString applicationsDir();
 
-/// Root only: runs this test binary again as uid 65534 with the given Qt Test
-/// arguments. The exit status, -1 when it did not start; 126 and 127 mean
-/// the binary is out of that user's reach.
-int runSelfAsNobody(const QStringList& testArgs, QByteArray* output);
-
 /// Points APPDIR at a payload root and reloads the configuration from it.
 void loadPayload(const QString& strAppDir);
 /// Writes a payload: manifest, desktop entry and the app tree's files.
