@@ -4,6 +4,8 @@
 
 #include <QFileInfo>
 
+#include <vector>
+
 #include <pwd.h>
 #include <unistd.h>
 
@@ -12,10 +14,13 @@ unsigned int DTavelinUtil::getCurrentUserId()
     return geteuid();
 }
 
+// The reentrant form: the worker thread asks too, while the page may ask on a show event.
 QString DTavelinUtil::getCurrentUser()
 {
-    const struct passwd* pw = getpwuid(geteuid());
-    if (pw)
+    struct passwd pwd;
+    struct passwd* pw = nullptr;
+    std::vector<char> buffer(16384);
+    if (getpwuid_r(geteuid(), &pwd, buffer.data(), buffer.size(), &pw) == 0 && pw)
         return QString::fromLocal8Bit(pw->pw_name);
     return QString::fromLocal8Bit(qgetenv("USER"));
 }
