@@ -11,6 +11,7 @@
 #include <QTimer>
 #include <QWidget>
 
+#include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -137,6 +138,31 @@ TInstallRun runEngineInstall(const QString& strDst, int cancelAtCount, int expec
     return run;
 }
 
+double runIdleGapMs(double durationMs)
+{
+    DBenchWindow window;
+    window.init();
+    window.show();
+    QApplication::processEvents();
+    QEventLoop loop;
+    QTimer timerTick;
+    timerTick.setTimerType(Qt::PreciseTimer);
+    timerTick.setInterval(5);
+    const qint64 startNs = benchNowNs();
+    qint64 lastTickNs = startNs;
+    qint64 maxGapNs = 0;
+    QObject::connect(&timerTick, &QTimer::timeout, [&] {
+        const qint64 nowNs = benchNowNs();
+        maxGapNs = qMax(maxGapNs, nowNs - lastTickNs);
+        lastTickNs = nowNs;
+        if (nowNs - startNs >= static_cast<qint64>(durationMs * 1e6))
+            loop.quit();
+    });
+    timerTick.start();
+    loop.exec();
+    return nsToMs(maxGapNs);
+}
+
 double runCommandMs(const QStringList& itemsOfArg, bool& bOk)
 {
     QVector<QByteArray> itemsOfBa;
@@ -147,12 +173,18 @@ double runCommandMs(const QStringList& itemsOfArg, bool& bOk)
         argv << baArg.data();
     argv << nullptr;
 
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    // The table owns stdout.
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
     const qint64 startNs = benchNowNs();
     pid_t pid = 0;
     int status = 0;
-    bOk = posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) == 0
+    bOk = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0
         && waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-    return nsToMs(benchNowNs() - startNs);
+    const qint64 endNs = benchNowNs();
+    posix_spawn_file_actions_destroy(&actions);
+    return nsToMs(endNs - startNs);
 }
 
 double runPauseFloorMs(int count)
@@ -160,6 +192,20 @@ double runPauseFloorMs(int count)
     const qint64 startNs = benchNowNs();
     for (int i = 0; i < count; ++i)
         QThread::msleep(1);
+    return nsToMs(benchNowNs() - startNs);
+}
+
+double runQFileCopyWalkMs(const QString& strSrc, const QString& strDst, bool& bOk)
+{
+    const qint64 startNs = benchNowNs();
+    const QDir dirSrc(strSrc);
+    bOk = QDir().mkpath(strDst);
+    QDirIterator it(strSrc, QDir::AllEntries | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
+    while (bOk && it.hasNext()) {
+        it.next();
+        const QString strTarget = strDst + QLatin1Char('/') + dirSrc.relativeFilePath(it.filePath());
+        bOk = it.fileInfo().isDir() ? QDir().mkdir(strTarget) : QFile::copy(it.filePath(), strTarget);
+    }
     return nsToMs(benchNowNs() - startNs);
 }
 
