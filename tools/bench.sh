@@ -69,3 +69,5 @@ if [ "$(id -u)" = 0 ]; then
 else
     QT_QPA_PLATFORM=offscreen "${run_installs[@]}"
 fi
+echo
+echo "Load average $(cut -d' ' -f1-3 /proc/loadavg) at the end, $(date -u '+%H:%M UTC')."
