@@ -86,6 +86,24 @@ QByteArray readFile(const QString& path)
     return file.readAll();
 }
 
+TScriptRun runUninstallScript(const QString& strShell, const QString& strScript, const QByteArray& answer,
+                              const QString& workDir)
+{
+    TScriptRun run;
+    QProcess process;
+    process.setWorkingDirectory(workDir);
+    process.start(strShell, {strScript});
+    if (!process.waitForStarted())
+        return run;
+    process.write(answer);
+    process.closeWriteChannel();
+    run.bFinished = process.waitForFinished(20000) && process.exitStatus() == QProcess::NormalExit;
+    run.exitCode = process.exitCode();
+    run.strOut = QString::fromUtf8(process.readAllStandardOutput());
+    run.strErr = QString::fromUtf8(process.readAllStandardError());
+    return run;
+}
+
 void openForOthers(const QString& strDir)
 {
     QFile::setPermissions(strDir, QFile::permissions(strDir) | QFileDevice::ReadOther | QFileDevice::ExeOther);

@@ -29,6 +29,20 @@ QString unprivilegedChildDir();
 /// Empty when the child passed the case; else what went wrong.
 QString runCurrentCaseAsNobody(const QString& strDir, const EnvList& extraEnv = EnvList());
 
+/// What a generated uninstall.sh did when answered.
+struct TScriptRun
+{
+    bool bFinished = false; ///< ended normally within the time limit
+    int exitCode = -1;
+    QString strOut;
+    QString strErr;
+};
+
+/// Runs a generated uninstall script with a shell, from workDir, answering
+/// its prompt with answer.
+TScriptRun runUninstallScript(const QString& strShell, const QString& strScript, const QByteArray& answer,
+                              const QString& workDir);
+
 /// Opens strDir to other users (read and enter) so a child as 65534 can use
 /// the files in it; a QTemporaryDir is private to its owner.
 void openForOthers(const QString& strDir);

@@ -99,13 +99,10 @@ void tst_DemoInstall::installsRunsAndUninstallsDemo()
     const QString strOut = QString::fromUtf8(launcher.readAllStandardOutput());
     QVERIFY2(strOut.contains("Installed in: " + strLocation), qPrintable(strOut));
 
-    QProcess uninstall;
-    uninstall.setWorkingDirectory(tmpDir.path());
-    uninstall.start("sh", {strLocation + "/uninstall.sh"});
-    uninstall.write("y\n");
-    uninstall.closeWriteChannel();
-    QVERIFY(uninstall.waitForFinished(20000));
-    QCOMPARE(uninstall.exitCode(), 0);
+    const TestSupport::TScriptRun run =
+        TestSupport::runUninstallScript("sh", strLocation + "/uninstall.sh", "y\n", tmpDir.path());
+    QVERIFY(run.bFinished);
+    QCOMPARE(run.exitCode, 0);
     QVERIFY(!QFileInfo::exists(strLocation));
     QVERIFY(!QFileInfo::exists(strEntry));
     QVERIFY(QFileInfo(tmpDir.path() + "/opt").isDir());

@@ -360,12 +360,7 @@ void tst_InstallRun::relativeLocation()
              QStringList({"rel", "rel/probe", "rel/probe/a", "rel/probe/b", "rel/probe/b/c", "rel/probe/d",
                           "rel/probe/uninstall.sh"}));
     QVERIFY(readFile(entryPath()).contains("Exec=" + strTree.toUtf8() + "/bin/probe %U"));
-    QProcess process;
-    process.setWorkingDirectory(tmpDir.path());
-    process.start("sh", {strTree + "/uninstall.sh"});
-    process.write("y\n");
-    process.closeWriteChannel();
-    QVERIFY(process.waitForFinished(20000));
+    QVERIFY(TestSupport::runUninstallScript("sh", strTree + "/uninstall.sh", "y\n", tmpDir.path()).bFinished);
     QCOMPARE(filesBelow(tmpDir.path() + "/cwd"), QStringList{"rel"});
     QVERIFY(!QFileInfo::exists(entryPath()));
 }

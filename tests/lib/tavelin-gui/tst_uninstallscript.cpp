@@ -232,17 +232,11 @@ void tst_UninstallScript::runsUnderShells()
     QVERIFY(QFileInfo(strScript).isFile());
     const QStringList before = treeOf(strBase);
 
-    QProcess process;
-    process.setWorkingDirectory(strBase + "/run");
-    process.start(strShell, {strScript});
-    QVERIFY(process.waitForStarted());
-    process.write(answer);
-    process.closeWriteChannel();
-    QVERIFY(process.waitForFinished(20000));
-    QCOMPARE(process.exitStatus(), QProcess::NormalExit);
-    QCOMPARE(process.exitCode(), 0);
-    const QString strOut = QString::fromUtf8(process.readAllStandardOutput());
-    QVERIFY2(process.readAllStandardError().isEmpty(), "the script wrote to stderr");
+    const TestSupport::TScriptRun run = TestSupport::runUninstallScript(strShell, strScript, answer, strBase + "/run");
+    QVERIFY(run.bFinished);
+    QCOMPARE(run.exitCode, 0);
+    const QString strOut = run.strOut;
+    QVERIFY2(run.strErr.isEmpty(), qPrintable(run.strErr));
 
     QStringList expected = before;
     if (removes) {
