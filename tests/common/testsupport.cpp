@@ -1,67 +1,58 @@
 #include "testsupport.h"
 
-#include <QCoreApplication>
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
+#include <QApplication>
+#include <QDirIterator>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QStandardPaths>
 #include <QtTest>
 
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QProcess>
-#include <QApplication>
-#include <QTest>
-#include <QTimerEvent>
-
 #include <cerrno>
-#include <cstdlib>
-#include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace TestSupport {
 
 namespace {
 
-const char* const kChildDirVar = "TAVELIN_TEST_UNPRIVILEGED_DIR";
-const QStringList kAsNobody{QStringLiteral("--reuid=65534"), QStringLiteral("--regid=65534"),
-                            QStringLiteral("--clear-groups")};
-const QFileDevice::Permissions kReadableByAll = QFileDevice::ReadOwner | QFileDevice::ExeOwner
-    | QFileDevice::ReadGroup | QFileDevice::ExeGroup | QFileDevice::ReadOther | QFileDevice::ExeOther;
+const char* const kChildDirVar = "TAVELIN_TEST_CHILD_DIR";
+const char* const kNamespaceVar = "TAVELIN_TEST_NAMESPACE";
 
-// What the child needs, copied into strDir.
-QString prepareChild(const QString& strDir, QProcessEnvironment& env)
+QStringList asUser(int uid)
 {
-    openForOthers(strDir);
+    return {QStringLiteral("--reuid=%1").arg(uid), QStringLiteral("--regid=%1").arg(uid),
+            QStringLiteral("--clear-groups")};
+}
+
+// What a child of another user needs, copied into strDir: the binary, a
+// runtime directory of its own and, under the leak checker, the suppressions.
+QString prepareChild(int uid, const QString& strDir, QProcessEnvironment& env)
+{
+    const auto readable = QFileDevice::ReadOwner | QFileDevice::ExeOwner | QFileDevice::ReadOther
+        | QFileDevice::ExeOther;
+    QFile::setPermissions(strDir, QFile::permissions(strDir) | readable);
     const QString strExe = strDir + QStringLiteral("/tst-child");
     if (!QFile::exists(strExe) && !QFile::copy(QCoreApplication::applicationFilePath(), strExe))
         return QStringLiteral("cannot copy the test binary");
-    QFile::setPermissions(strExe, kReadableByAll);
-
-    // Qt wants a runtime directory of the user's own; without one it makes one in /tmp.
+    QFile::setPermissions(strExe, readable);
     const QString strRuntime = strDir + QStringLiteral("/runtime");
-    if (!QDir().mkpath(strRuntime) || ::chown(QFile::encodeName(strRuntime).constData(), 65534, 65534) != 0
-        || !QFile::setPermissions(strRuntime, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner))
-        return QStringLiteral("cannot prepare a runtime directory for user 65534");
-
+    if (!QDir().mkpath(strRuntime) || ::chown(QFile::encodeName(strRuntime).constData(), uid, uid) != 0
+        || ::chmod(QFile::encodeName(strRuntime).constData(), 0700) != 0)
+        return QStringLiteral("cannot prepare a runtime directory for user %1").arg(uid);
     env = QProcessEnvironment::systemEnvironment();
     env.insert(QString::fromLatin1(kChildDirVar), strDir);
     env.insert(QStringLiteral("HOME"), strDir);
     env.insert(QStringLiteral("XDG_RUNTIME_DIR"), strRuntime);
-
-    // Under the leak checker the child needs the suppressions too.
     QString strLsan = env.value(QStringLiteral("LSAN_OPTIONS"));
     const QRegularExpressionMatch match = QRegularExpression(QStringLiteral("suppressions=([^:]+)")).match(strLsan);
     if (match.hasMatch()) {
         const QString strSupp = strDir + QStringLiteral("/lsan.supp");
         if (!QFile::exists(strSupp) && !QFile::copy(match.captured(1), strSupp))
             return QStringLiteral("cannot copy the leak suppressions");
-        QFile::setPermissions(strSupp, QFileDevice::ReadOwner | QFileDevice::ReadOther);
+        QFile::setPermissions(strSupp, readable);
         env.insert(QStringLiteral("LSAN_OPTIONS"), strLsan.replace(match.captured(1), strSupp));
     }
     return QString();
@@ -73,17 +64,72 @@ bool writeFile(const QString& path, const QByteArray& content)
 {
     QDir().mkpath(QFileInfo(path).absolutePath());
     QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        return false;
-    return file.write(content) == content.size();
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(content) == content.size();
 }
 
 QByteArray readFile(const QString& path)
 {
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return QByteArray();
-    return file.readAll();
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QStringList treeOf(const QString& strRoot)
+{
+    QStringList paths;
+    QDirIterator it(strRoot, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString strPath = it.next().mid(strRoot.size() + 1);
+        paths << strPath + (it.fileInfo().isDir() && !it.fileInfo().isSymLink() ? "/" : "");
+    }
+    paths.sort();
+    return paths;
+}
+
+QString unprivilegedUnavailable()
+{
+    if (geteuid() != 0)
+        return QStringLiteral("switching users needs root");
+    if (QProcess::execute(QStringLiteral("setpriv"), asUser(65534) << QStringLiteral("true")) != 0)
+        return QStringLiteral("setpriv cannot switch to user 65534");
+    return QString();
+}
+
+QString unprivilegedChildDir()
+{
+    return qEnvironmentVariable(kChildDirVar);
+}
+
+QString runCurrentCaseAs(int uid, const QString& strDir, const QStringList& extraEnv)
+{
+    QProcessEnvironment env;
+    const QString strFailure = prepareChild(uid, strDir, env);
+    if (!strFailure.isEmpty())
+        return strFailure;
+    // "NAME=value" sets a variable, "NAME" alone removes it.
+    for (const QString& strEntry : extraEnv) {
+        if (strEntry.contains(QLatin1Char('=')))
+            env.insert(strEntry.section(QLatin1Char('='), 0, 0), strEntry.section(QLatin1Char('='), 1));
+        else
+            env.remove(strEntry);
+    }
+    const QString strFunction = QString::fromLatin1(QTest::currentTestFunction());
+    const QString strTag = QString::fromUtf8(QTest::currentDataTag());
+    QProcess proc;
+    proc.setProcessEnvironment(env);
+    proc.setWorkingDirectory(strDir);
+    proc.setProcessChannelMode(QProcess::MergedChannels);
+    proc.start(QStringLiteral("setpriv"), asUser(uid) << strDir + QStringLiteral("/tst-child")
+                                                      << (strTag.isEmpty() ? strFunction : strFunction + ':' + strTag));
+    if (!proc.waitForFinished(120000))
+        proc.kill();
+    const QString strOut = QString::fromLocal8Bit(proc.readAll());
+    // A skip in the child also exits with 0: only its PASS line counts.
+    const QRegularExpression rePass(QStringLiteral("PASS   : \\w+")
+                                    + QRegularExpression::escape(QStringLiteral("::%1(%2)").arg(strFunction, strTag)));
+    if (proc.exitStatus() != QProcess::NormalExit || proc.exitCode() != 0 || !strOut.contains(rePass))
+        return QStringLiteral("as user %1:\n").arg(uid) + strOut;
+    return QString();
 }
 
 TScriptRun runUninstallScript(const QString& strShell, const QString& strScript, const QByteArray& answer,
@@ -104,117 +150,12 @@ TScriptRun runUninstallScript(const QString& strShell, const QString& strScript,
     return run;
 }
 
-void openForOthers(const QString& strDir)
-{
-    QFile::setPermissions(strDir, QFile::permissions(strDir) | QFileDevice::ReadOther | QFileDevice::ExeOther);
-}
-
-QString unprivilegedUnavailable()
-{
-    if (geteuid() != 0)
-        return QStringLiteral("switching to user 65534 needs root");
-    if (QStandardPaths::findExecutable(QStringLiteral("setpriv")).isEmpty())
-        return QStringLiteral("setpriv is not installed");
-    QProcess proc;
-    proc.start(QStringLiteral("setpriv"), QStringList(kAsNobody) << QStringLiteral("true"));
-    if (!proc.waitForFinished(30000) || proc.exitStatus() != QProcess::NormalExit || proc.exitCode() != 0)
-        return QStringLiteral("cannot switch to user 65534: ") + QString::fromLocal8Bit(proc.readAllStandardError());
-    return QString();
-}
-
-bool isUnprivilegedChild()
-{
-    return qEnvironmentVariableIsSet(kChildDirVar);
-}
-
-QString unprivilegedChildDir()
-{
-    return qEnvironmentVariable(kChildDirVar);
-}
-
-QString runCurrentCaseAsNobody(const QString& strDir, const EnvList& extraEnv)
-{
-    QProcessEnvironment env;
-    const QString strFailure = prepareChild(strDir, env);
-    if (!strFailure.isEmpty())
-        return strFailure;
-    for (const auto& entry : extraEnv)
-        env.insert(QString::fromLocal8Bit(entry.first), QString::fromLocal8Bit(entry.second));
-
-    const QString strFunction = QString::fromLatin1(QTest::currentTestFunction());
-    const QString strTag = QString::fromUtf8(QTest::currentDataTag());
-    QStringList args = QStringList(kAsNobody) << strDir + QStringLiteral("/tst-child");
-    args << (strTag.isEmpty() ? strFunction : strFunction + QLatin1Char(':') + strTag);
-    QProcess proc;
-    proc.setProcessEnvironment(env);
-    proc.setWorkingDirectory(strDir);
-    proc.setProcessChannelMode(QProcess::MergedChannels);
-    proc.start(QStringLiteral("setpriv"), args);
-    if (!proc.waitForFinished(120000)) {
-        proc.kill();
-        proc.waitForFinished();
-        return QStringLiteral("the child did not finish");
-    }
-    const QString strOut = QString::fromLocal8Bit(proc.readAll());
-    // A skip in the child also exits with 0: only its PASS line counts.
-    const QString strPass = strTag.isEmpty() ? QStringLiteral("::%1()").arg(strFunction)
-                                             : QStringLiteral("::%1(%2)").arg(strFunction, strTag);
-    const bool bPassed = strOut.contains(QRegularExpression(QStringLiteral("PASS   : \\w+")
-                                                            + QRegularExpression::escape(strPass)));
-    if (proc.exitStatus() != QProcess::NormalExit || proc.exitCode() != 0 || !bPassed)
-        return QStringLiteral("as user 65534:\n") + strOut;
-    return QString();
-}
-
-} // namespace TestSupport
-
-namespace TestSupport {
-
-namespace {
-
-const char* const kNamespaceVar = "TAVELIN_TEST_NAMESPACE";
-const char* const kInsideNamespace = "inside";
-
-} // namespace
-
-void enterPrivateApplicationsDir(int argc, char** argv)
-{
-    if (geteuid() != 0 || qEnvironmentVariableIsSet(kNamespaceVar))
-        return;
-    if (!QFileInfo(QStringLiteral("/usr/share/applications")).isDir()) {
-        qputenv(kNamespaceVar, "/usr/share/applications does not exist to be covered");
-        return;
-    }
-    if (std::system("unshare -m true >/dev/null 2>&1") != 0) {
-        qputenv(kNamespaceVar, "unshare -m is not possible here");
-        return;
-    }
-    const QByteArray baSelf = QFile::encodeName(QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath());
-    // A failed mount re-runs the binary outside, where the install cases skip.
-    const char* script = "mount --make-rprivate / && mount -t tmpfs tavelin-test /usr/share/applications"
-                         " && exec env TAVELIN_TEST_NAMESPACE=inside \"$0\" \"$@\";"
-                         " exec env TAVELIN_TEST_NAMESPACE='mounting a tmpfs over /usr/share/applications failed'"
-                         " \"$0\" \"$@\"";
-    std::vector<char*> args = {const_cast<char*>("unshare"), const_cast<char*>("-m"), const_cast<char*>("sh"),
-                               const_cast<char*>("-c"), const_cast<char*>(script),
-                               const_cast<char*>(baSelf.constData())};
-    for (int i = 1; i < argc; ++i)
-        args.push_back(argv[i]);
-    args.push_back(nullptr);
-    execvp("unshare", args.data());
-    qputenv(kNamespaceVar, "unshare could not be started");
-}
-
 QString applicationsDirUnavailable()
 {
-    if (geteuid() != 0)
+    if (geteuid() != 0 || qgetenv(kNamespaceVar) == "inside")
         return QString();
-    const QByteArray baState = qgetenv(kNamespaceVar);
-    if (baState == kInsideNamespace)
-        return QString();
-    if (baState.isEmpty())
-        return QStringLiteral("root run outside a private mount namespace (use TAVELIN_TEST_MAIN_ISOLATED)");
-    return QStringLiteral("root run needs a private /usr/share/applications: ") + QString::fromLocal8Bit(baState);
+    return QStringLiteral("as root the install runs need a private /usr/share/applications: run the test "
+                          "through tests/isolated.sh, as ctest does");
 }
 
 QString applicationsDir()
@@ -224,37 +165,22 @@ QString applicationsDir()
     return QDir::homePath() + QStringLiteral("/.local/share/applications");
 }
 
-void loadPayload(const QString& strAppDir)
+bool loadPayload(const QString& strAppDir, int filesTotalCount, const QStringList& appFiles)
 {
-    qputenv("APPDIR", QFile::encodeName(strAppDir));
-    DTavelinGuiConfig::getInstance().init();
-}
-
-bool writePayload(const QString& strAppDir, const QByteArray& baManifest, const QByteArray& baDesktop,
-                  const QStringList& appFiles)
-{
-    bool bOk = writeFile(strAppDir + QStringLiteral("/soft/mainifest.json"), baManifest);
-    const QJsonObject jsonInstall = QJsonDocument::fromJson(baManifest).object().value(QStringLiteral("install")).toObject();
-    const QString strDesktopFile = jsonInstall.value(QStringLiteral("desktopFile")).toString();
-    if (!strDesktopFile.isEmpty())
-        bOk = bOk && writeFile(strAppDir + QStringLiteral("/soft/desktop/share/applications/") + strDesktopFile, baDesktop);
-    bOk = bOk && QDir().mkpath(strAppDir + QStringLiteral("/soft/app"));
+    const QJsonObject jsonRoot{
+        {QStringLiteral("base"), QJsonObject{{QStringLiteral("nameEng"), QStringLiteral("Probe")}}},
+        {QStringLiteral("install"), QJsonObject{{QStringLiteral("dir"), QStringLiteral("probe")},
+                                                {QStringLiteral("filesTotalCount"), filesTotalCount},
+                                                {QStringLiteral("desktopFile"), QStringLiteral("probe.desktop")}}}};
+    bool bOk = writeFile(strAppDir + QStringLiteral("/soft/mainifest.json"), QJsonDocument(jsonRoot).toJson())
+        && writeFile(strAppDir + QStringLiteral("/soft/desktop/share/applications/probe.desktop"),
+                     "[Desktop Entry]\nName=Probe\nExec=bin/probe %U\n")
+        && QDir().mkpath(strAppDir + QStringLiteral("/soft/app"));
     for (const QString& strFile : appFiles)
         bOk = bOk && writeFile(strAppDir + QStringLiteral("/soft/app/") + strFile, strFile.toUtf8());
+    qputenv("APPDIR", QFile::encodeName(strAppDir));
+    DTavelinGuiConfig::getInstance().init();
     return bOk;
-}
-
-QByteArray manifestJson(int filesTotalCount, const QString& strDesktopFile)
-{
-    QJsonObject jsonBase{{QStringLiteral("nameEng"), QStringLiteral("Probe")}};
-    QJsonObject jsonInstall{{QStringLiteral("dir"), QStringLiteral("probe")},
-                            {QStringLiteral("filesTotalCount"), filesTotalCount},
-                            {QStringLiteral("desktopFile"), strDesktopFile}};
-    QJsonObject jsonFiles{{QStringLiteral("localDir"), QString()}, {QStringLiteral("mainExePath"), QString()}};
-    QJsonObject jsonRoot{{QStringLiteral("base"), jsonBase},
-                         {QStringLiteral("install"), jsonInstall},
-                         {QStringLiteral("files"), jsonFiles}};
-    return QJsonDocument(jsonRoot).toJson();
 }
 
 DFifoGate::DFifoGate(const QString& strPath)
@@ -263,20 +189,14 @@ DFifoGate::DFifoGate(const QString& strPath)
     mkfifo(QFile::encodeName(strPath).constData(), 0600);
 }
 
-DFifoGate::~DFifoGate()
+bool DFifoGate::waitForReader()
 {
-    releaseReader();
-}
-
-bool DFifoGate::waitForReader(int timeoutMs)
-{
-    const QByteArray baPath = QFile::encodeName(strPath);
-    return QTest::qWaitFor([&]() {
-        // Opening the write side without blocking succeeds only once a reader waits.
+    // Opening the write side without blocking succeeds only once a reader waits.
+    return QTest::qWaitFor([&] {
         if (fdWriter < 0)
-            fdWriter = ::open(baPath.constData(), O_WRONLY | O_NONBLOCK);
+            fdWriter = ::open(QFile::encodeName(strPath).constData(), O_WRONLY | O_NONBLOCK);
         return fdWriter >= 0;
-    }, timeoutMs);
+    }, 20000);
 }
 
 void DFifoGate::releaseReader()
@@ -288,37 +208,20 @@ void DFifoGate::releaseReader()
 
 QByteArray DFifoGate::drainWriter()
 {
-    const int fd = ::open(QFile::encodeName(strPath).constData(), O_RDONLY);
-    if (fd < 0)
-        return QByteArray();
-    QByteArray baAll;
-    char block[4096];
-    ssize_t n;
-    while ((n = ::read(fd, block, sizeof(block))) > 0 || (n < 0 && errno == EINTR)) {
-        if (n > 0)
-            baAll.append(block, int(n));
-    }
-    ::close(fd);
-    return baAll;
+    QFile file(strPath);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-DMessageBoxCloser::DMessageBoxCloser(TMessageBoxSeen* seen)
-    : seen(seen)
+void DMessageBoxCloser::timerEvent(QTimerEvent*)
 {
-    startTimer(10);
-}
-
-void DMessageBoxCloser::timerEvent(QTimerEvent* event)
-{
-    Q_UNUSED(event)
     auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
     if (!box || !box->isVisible())
         return;
-    ++seen->count;
-    seen->title = box->windowTitle();
-    seen->text = box->text();
-    seen->buttons = box->standardButtons();
-    seen->icon = box->icon();
+    ++count;
+    title = box->windowTitle();
+    text = box->text();
+    buttons = box->standardButtons();
+    icon = box->icon();
     box->done(QMessageBox::Ok);
 }
 

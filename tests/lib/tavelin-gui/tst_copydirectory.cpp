@@ -1,8 +1,5 @@
-#include "mainwindow.h"
 #include "testsupport.h"
 
-#include <QDir>
-#include <QDirIterator>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -10,36 +7,17 @@
 
 #include <sys/stat.h>
 
-using TestSupport::DFifoGate;
-using TestSupport::DProbeWindow;
-using TestSupport::readFile;
-using TestSupport::writeFile;
+using namespace TestSupport;
 
 namespace {
 
-// Relative paths below a root; directories end in "/".
-QStringList treeOf(const QString& strRoot)
-{
-    QStringList paths;
-    QDirIterator it(strRoot, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
-                    QDirIterator::Subdirectories);
-    while (it.hasNext()) {
-        const QString strPath = it.next();
-        paths << strPath.mid(strRoot.size() + 1) + (it.fileInfo().isDir() ? "/" : "");
-    }
-    paths.sort();
-    return paths;
-}
-
+// Entries ending in "/" are directories; a file holds its own path.
 bool makeTree(const QString& strRoot, const QStringList& entries)
 {
     bool bOk = QDir().mkpath(strRoot);
-    for (const QString& strEntry : entries) {
-        if (strEntry.endsWith('/'))
-            bOk = bOk && QDir().mkpath(strRoot + "/" + strEntry);
-        else
-            bOk = bOk && writeFile(strRoot + "/" + strEntry, strEntry.toUtf8());
-    }
+    for (const QString& strEntry : entries)
+        bOk = bOk && (strEntry.endsWith('/') ? QDir().mkpath(strRoot + "/" + strEntry)
+                                             : writeFile(strRoot + "/" + strEntry, strEntry.toUtf8()));
     return bOk;
 }
 
@@ -56,7 +34,6 @@ private slots:
     void followsLinksSkipsSpecialFiles();
     void refusesLoopingLink_data();
     void refusesLoopingLink();
-    void repeatsOverExistingTree();
     void failures_data();
     void failures();
     void cancelDuringCopy_data();
@@ -68,14 +45,14 @@ private:
 
     QTemporaryDir tmpDir;
     DProbeWindow window;
+    std::atomic<int> counter{0};
 };
 
 void tst_CopyDirectory::init()
 {
-    QVERIFY(tmpDir.isValid());
-    QDir(tmpDir.path()).removeRecursively();
-    QVERIFY(QDir().mkpath(tmpDir.path()));
+    QVERIFY(QDir(tmpDir.path()).removeRecursively() && QDir().mkpath(tmpDir.path()));
     window.setState(MainWindow::installing);
+    counter = 0;
 }
 
 void tst_CopyDirectory::copiesTree_data()
@@ -85,13 +62,12 @@ void tst_CopyDirectory::copiesTree_data()
     QTest::addColumn<QStringList>("expected");
     QTest::addColumn<int>("counted");
 
-    const QStringList tree{"a", "B/", "B/b", "B/deeper/", "B/deeper/c", "Z"};
+    const QStringList tree{"B/", "B/b", "B/deeper/", "B/deeper/c", "Z", "a"};
     QTest::newRow("new destination: each directory and file counted") << tree << QStringList() << tree << 7;
-    QTest::newRow("existing destination counts no directories")
-        << tree << QStringList{"B/", "B/deeper/"} << tree << 4;
+    QTest::newRow("existing destination: files replaced, no directory counted")
+        << tree << QStringList{"B/", "B/deeper/", "B/x"} << QStringList{"B/", "B/b", "B/deeper/", "B/deeper/c", "B/x", "Z", "a"} << 4;
     QTest::newRow("hidden entries stay behind at any depth")
-        << QStringList{".hidden", ".dir/", ".dir/x", "s/", "s/.h", "s/v"} << QStringList()
-        << QStringList{"s/", "s/v"} << 3;
+        << QStringList{".hidden", ".dir/", ".dir/x", "s/", "s/.h", "s/v"} << QStringList() << QStringList{"s/", "s/v"} << 3;
     QTest::newRow("empty source") << QStringList() << QStringList() << QStringList() << 1;
 }
 
@@ -100,19 +76,16 @@ void tst_CopyDirectory::copiesTree()
     QFETCH(QStringList, source);
     QFETCH(QStringList, existing);
     QFETCH(QStringList, expected);
-    QFETCH(int, counted);
     QVERIFY(makeTree(src(), source));
     if (!existing.isEmpty())
-        QVERIFY(makeTree(dst(), existing));
-    std::atomic<int> counter{0};
+        QVERIFY(makeTree(dst(), existing) && writeFile(dst() + "/a", "old"));
 
     QVERIFY(window.copyDirectory(src(), dst(), true, counter));
-    expected.sort();
     QCOMPARE(treeOf(dst()), expected);
-    QCOMPARE(counter.load(), counted);
+    QTEST(counter.load(), "counted");
     QCOMPARE(window.installState(), MainWindow::installing);
-    for (const QString& strEntry : expected) {
-        if (!strEntry.endsWith('/'))
+    for (const QString& strEntry : source) {
+        if (!strEntry.endsWith('/') && !strEntry.contains("."))
             QCOMPARE(readFile(dst() + "/" + strEntry), strEntry.toUtf8());
     }
 }
@@ -125,14 +98,10 @@ void tst_CopyDirectory::followsLinksSkipsSpecialFiles()
     QVERIFY(QFile::link(tmpDir.path() + "/outside/tdir", src() + "/dirlink"));
     QVERIFY(QFile::link(tmpDir.path() + "/outside/gone", src() + "/dangling"));
     QCOMPARE(mkfifo(QFile::encodeName(src() + "/fifo").constData(), 0600), 0);
-    std::atomic<int> counter{0};
 
     QVERIFY(window.copyDirectory(src(), dst(), true, counter));
     QCOMPARE(treeOf(dst()), QStringList({"dirlink/", "dirlink/inner", "filelink", "plain"}));
-    QVERIFY(!QFileInfo(dst() + "/filelink").isSymLink());
-    QVERIFY(!QFileInfo(dst() + "/dirlink").isSymLink());
     QCOMPARE(readFile(dst() + "/filelink"), QByteArray("target"));
-    QCOMPARE(readFile(dst() + "/dirlink/inner"), QByteArray("tdir/inner"));
     QCOMPARE(counter.load(), 5);
 }
 
@@ -153,30 +122,11 @@ void tst_CopyDirectory::refusesLoopingLink()
     QFETCH(QString, target);
     QFETCH(bool, loops);
     QVERIFY(makeTree(src(), {"sub/", "sub/deeper/", "sub/f", "other/", "other/o"}));
-    QVERIFY(QFile::link(QString(target).replace("SRC", src()), src() + "/" + linkAt));
-    std::atomic<int> counter{0};
+    QVERIFY(QFile::link(target.replace("SRC", src()), src() + "/" + linkAt));
 
     QCOMPARE(window.copyDirectory(src(), dst(), true, counter), !loops);
     QCOMPARE(window.installState(), loops ? MainWindow::failed : MainWindow::installing);
-    if (!loops)
-        QCOMPARE(readFile(dst() + "/" + linkAt + "/o"), QByteArray("other/o"));
-}
-
-void tst_CopyDirectory::repeatsOverExistingTree()
-{
-    QVERIFY(makeTree(src(), {"a", "d/", "d/b"}));
-    std::atomic<int> counter{0};
-    QVERIFY(window.copyDirectory(src(), dst(), true, counter));
-    QCOMPARE(counter.load(), 4);
-    QVERIFY(writeFile(src() + "/d/b", "changed"));
-    QVERIFY(writeFile(dst() + "/only-here", "kept"));
-
-    counter = 0;
-    QVERIFY(window.copyDirectory(src(), dst(), true, counter));
-    QCOMPARE(counter.load(), 2);
-    QCOMPARE(readFile(dst() + "/d/b"), QByteArray("changed"));
-    QCOMPARE(readFile(dst() + "/only-here"), QByteArray("kept"));
-    QCOMPARE(window.installState(), MainWindow::installing);
+    QCOMPARE(readFile(dst() + "/" + linkAt + "/o"), loops ? QByteArray() : QByteArray("other/o"));
 }
 
 void tst_CopyDirectory::failures_data()
@@ -213,18 +163,13 @@ void tst_CopyDirectory::failures()
     QFETCH(QString, dstName);
     QFETCH(bool, cover);
     QFETCH(int, stateBefore);
-    QFETCH(int, stateAfter);
-    QFETCH(int, counted);
-    QVERIFY(makeTree(src(), source));
-    QVERIFY(makeTree(dst(), existing));
+    QVERIFY(makeTree(src(), source) && makeTree(dst(), existing));
     window.setState(MainWindow::EInstallState(stateBefore));
-    std::atomic<int> counter{0};
 
     QVERIFY(!window.copyDirectory(src(), tmpDir.path() + "/" + dstName, cover, counter));
-    QCOMPARE(int(window.installState()), stateAfter);
-    QCOMPARE(counter.load(), counted);
-    if (dstName == "dst/new")
-        QVERIFY(QFileInfo(dst() + "/new").isDir());
+    QTEST(int(window.installState()), "stateAfter");
+    QTEST(counter.load(), "counted");
+    QCOMPARE(QFileInfo(dst() + "/new").isDir(), dstName == "dst/new");
 }
 
 // A FIFO link holds the copy inside one entry, past its test of the state.
@@ -246,24 +191,20 @@ void tst_CopyDirectory::cancelDuringCopy()
 {
     QFETCH(QStringList, source);
     QFETCH(QString, gateAt);
-    QFETCH(bool, result);
-    QFETCH(QStringList, expected);
     QVERIFY(makeTree(src(), source));
     DFifoGate gate(tmpDir.path() + "/gate");
     QVERIFY(QFile::link(tmpDir.path() + "/gate", src() + "/" + gateAt));
-    std::atomic<int> counter{0};
-    bool bResult = !result;
+    bool bResult = false;
 
-    std::thread worker([&]() { bResult = window.copyDirectory(src(), dst(), true, counter); });
+    std::thread worker([&] { bResult = window.copyDirectory(src(), dst(), true, counter); });
     const bool bReached = gate.waitForReader();
     window.onclickCancel();
     gate.releaseReader();
     worker.join();
-
     QVERIFY(bReached);
     QCOMPARE(window.installState(), MainWindow::cancel);
-    QCOMPARE(bResult, result);
-    QCOMPARE(treeOf(dst()), expected);
+    QTEST(bResult, "result");
+    QTEST(treeOf(dst()), "expected");
 }
 
 QTEST_MAIN(tst_CopyDirectory)

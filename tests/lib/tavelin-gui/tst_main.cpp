@@ -1,12 +1,10 @@
-#include "testsupport.h"
-
 #include <QtTest>
 
-#include <signal.h>
 #include <unistd.h>
 
-// The real tavelin-gui as a child process under Xvfb: the FORKPID hand-over
-// and the exit status after a window manager's close request.
+// The real tavelin-gui under Xvfb, each row in a private PID namespace: the
+// sentinel there is pid 2 and leads process group 2, so a wrong kill of -1 or
+// -2 would reach it and nothing outside.
 class tst_Main : public QObject
 {
     Q_OBJECT
@@ -14,21 +12,7 @@ class tst_Main : public QObject
 private slots:
     void forkPid_data();
     void forkPid();
-    void closeRequestExitsZero();
-
-private:
-    static QString demoDir() { return QStringLiteral(TAVELIN_SOURCE_DIR "/examples/demo"); }
-    static QProcessEnvironment wizardEnvironment();
 };
-
-QProcessEnvironment tst_Main::wizardEnvironment()
-{
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("APPDIR"), demoDir());
-    // The forced gtk3 theme needs a real display: these run under Xvfb.
-    env.remove(QStringLiteral("QT_QPA_PLATFORM"));
-    return env;
-}
 
 void tst_Main::forkPid_data()
 {
@@ -41,18 +25,13 @@ void tst_Main::forkPid_data()
     QTest::newRow("zero") << "0" << false;
     QTest::newRow("minus one") << "-1" << false;
     QTest::newRow("negative") << "-2" << false;
-    QTest::newRow("not a number") << "abc" << false;
     QTest::newRow("digits then letters") << "2x" << false;
     QTest::newRow("2147483648 turns negative") << "2147483648" << false;
     QTest::newRow("4294967294 would be group 2") << "4294967294" << false;
     QTest::newRow("4294967295 would be every process") << "4294967295" << false;
     QTest::newRow("4294967296 overflows to 0") << "4294967296" << false;
-    QTest::newRow("far above 32 bits") << "99999999999999" << false;
 }
 
-// Each row runs in a private PID namespace: the sentinel there is pid 2 and
-// leads process group 2, so a wrong kill of -1 or -2 would reach it and
-// nothing outside.
 void tst_Main::forkPid()
 {
     QFETCH(QString, value);
@@ -77,42 +56,21 @@ state=$(sed 's/.*) //' /proc/$s/stat | cut -c1)
 kill -9 $w $s 2>/dev/null
 wait
 )SH";
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("APPDIR", TAVELIN_SOURCE_DIR "/examples/demo");
+    // The forced gtk3 theme needs a real display.
+    env.remove("QT_QPA_PLATFORM");
     QProcess process;
-    process.setProcessEnvironment(wizardEnvironment());
+    process.setProcessEnvironment(env);
     process.setProcessChannelMode(QProcess::MergedChannels);
-    process.start(QStringLiteral("xvfb-run"),
-                  {QStringLiteral("-a"), QStringLiteral("unshare"), QStringLiteral("--pid"), QStringLiteral("--fork"), QStringLiteral("--mount-proc"),
-                   QStringLiteral("--kill-child"), QStringLiteral("sh"), QStringLiteral("-c"),
-                   QString::fromUtf8(script), QStringLiteral("sh"), value, QStringLiteral(TAVELIN_GUI_BINARY)});
+    process.start("xvfb-run", {"-a", "unshare", "--pid", "--fork", "--mount-proc", "--kill-child", "sh", "-c",
+                               script, "sh", value, TAVELIN_GUI_BINARY});
     QVERIFY(process.waitForFinished(60000));
     const QByteArray output = process.readAll();
     if (process.exitCode() != 0 && output.contains("unshare"))
-        QSKIP(qPrintable(QStringLiteral("no private PID namespace: ") + QString::fromLocal8Bit(output)));
+        QSKIP(qPrintable("no private PID namespace: " + QString::fromLocal8Bit(output)));
     QVERIFY2(!output.contains("WIZARD=not-started"), output.constData());
     QVERIFY2(output.contains(sentinelDies ? "SENTINEL=dead" : "SENTINEL=alive"), output.constData());
-}
-
-void tst_Main::closeRequestExitsZero()
-{
-    if (QStandardPaths::findExecutable(QStringLiteral("xvfb-run")).isEmpty())
-        QSKIP("xvfb-run is not installed");
-    static const char script[] = R"SH(
-"$1" & w=$!
-( sleep 60; kill -9 $w ) 2>/dev/null & watchdog=$!
-"$2" "安装向导 - TavelinDemo" 30; sent=$?
-wait $w; status=$?
-kill $watchdog 2>/dev/null
-echo "SENT=$sent STATUS=$status"
-)SH";
-    QProcess process;
-    process.setProcessEnvironment(wizardEnvironment());
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    process.start(QStringLiteral("xvfb-run"),
-                  {QStringLiteral("-a"), QStringLiteral("sh"), QStringLiteral("-c"), QString::fromUtf8(script),
-                   QStringLiteral("sh"), QStringLiteral(TAVELIN_GUI_BINARY), QStringLiteral(TAVELIN_XCLOSE_BINARY)});
-    QVERIFY(process.waitForFinished(120000));
-    const QByteArray output = process.readAll();
-    QVERIFY2(output.contains("SENT=0 STATUS=0"), output.constData());
 }
 
 QTEST_GUILESS_MAIN(tst_Main)

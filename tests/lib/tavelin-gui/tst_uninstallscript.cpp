@@ -1,17 +1,12 @@
-#include "mainwindow.h"
 #include "testsupport.h"
 
-#include <QDir>
-#include <QDirIterator>
-#include <QProcess>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QtTest>
 
 #include <sys/stat.h>
 
-using TestSupport::readFile;
-using TestSupport::writeFile;
+using namespace TestSupport;
 
 namespace {
 
@@ -22,25 +17,11 @@ const QByteArray kScriptHead("#!/bin/sh\n\n"
                              "exit 0\n\n"
                              "fi\n\n"
                              "echo \"开始卸载\"\n\n");
-const QByteArray kScriptTail("echo \"完成卸载\"\n\n");
-
-QStringList treeOf(const QString& strRoot)
-{
-    QStringList paths;
-    QDirIterator it(strRoot, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
-                    QDirIterator::Subdirectories);
-    while (it.hasNext())
-        paths << it.next().mid(strRoot.size());
-    paths.sort();
-    return paths;
-}
 
 mode_t modeOf(const QString& strPath)
 {
     struct stat st;
-    if (::stat(QFile::encodeName(strPath).constData(), &st) != 0)
-        return 0;
-    return st.st_mode & 07777;
+    return ::stat(QFile::encodeName(strPath).constData(), &st) == 0 ? st.st_mode & 07777 : 0;
 }
 
 } // namespace
@@ -53,82 +34,65 @@ private slots:
     void init();
     void writesExactBytes_data();
     void writesExactBytes();
-    void escapesShellCharacters();
     void leavesExistingUninstallAlone_data();
     void leavesExistingUninstallAlone();
     void runsUnderShells_data();
     void runsUnderShells();
 
 private:
+    void writeScript(const QString& strLocation, const QString& strEntry)
+    {
+        DTavelinGuiConfig::getInstance().setTargetInstallDir(strLocation);
+        DTavelinGuiConfig::getInstance().setTargetDesktopFilePath(strEntry);
+        window.createUninstallFile();
+    }
+
     QTemporaryDir tmpDir;
     MainWindow window;
 };
 
 void tst_UninstallScript::init()
 {
-    QVERIFY(tmpDir.isValid());
-    QDir(tmpDir.path()).removeRecursively();
-    QVERIFY(QDir().mkpath(tmpDir.path()));
-    DTavelinGuiConfig::getInstance().setTargetDesktopFilePath(QString());
+    QVERIFY(QDir(tmpDir.path()).removeRecursively() && QDir().mkpath(tmpDir.path()));
 }
 
 void tst_UninstallScript::writesExactBytes_data()
 {
-    QTest::addColumn<QString>("entryKind");
-    QTest::addColumn<bool>("withRmLine");
-    QTest::newRow("entry file exists") << "file" << true;
-    QTest::newRow("no entry recorded") << "none" << false;
-    QTest::newRow("entry recorded, no file there") << "missing" << false;
-    QTest::newRow("entry path is a directory") << "dir" << false;
+    QTest::addColumn<QString>("location"); // below the temporary directory
+    QTest::addColumn<QString>("entry"); // below apps/; "dir:" makes it a directory, "none:" records none
+    QTest::addColumn<QByteArray>("escapedLocation");
+    QTest::addColumn<QByteArray>("escapedEntry"); // empty: no rm -f line
+    QTest::newRow("entry file exists") << "opt/demo 2" << "demo.desktop" << QByteArray("opt/demo 2") << QByteArray("demo.desktop");
+    QTest::newRow("no entry recorded") << "opt/demo" << "none:" << QByteArray("opt/demo") << QByteArray();
+    QTest::newRow("entry recorded, no file there") << "opt/demo" << "none:gone.desktop" << QByteArray("opt/demo") << QByteArray();
+    QTest::newRow("entry path is a directory") << "opt/demo" << "dir:demo.desktop" << QByteArray("opt/demo") << QByteArray();
+    QTest::newRow("quote, dollar, backtick and backslash escaped")
+        << "a\"b$c`d\\e f" << "$x`y\".desktop" << QByteArray("a\\\"b\\$c\\`d\\\\e f") << QByteArray("\\$x\\`y\\\".desktop");
 }
 
 void tst_UninstallScript::writesExactBytes()
 {
-    QFETCH(QString, entryKind);
-    QFETCH(bool, withRmLine);
-    const QString strLocation = tmpDir.path() + "/opt/demo 2";
-    const QString strEntry = tmpDir.path() + "/apps/demo.desktop";
+    QFETCH(QString, location);
+    QFETCH(QString, entry);
+    QFETCH(QByteArray, escapedLocation);
+    QFETCH(QByteArray, escapedEntry);
+    const QString strLocation = tmpDir.path() + "/" + location;
+    const QString strEntry = tmpDir.path() + "/apps/" + entry.section(':', -1);
     QVERIFY(QDir().mkpath(strLocation));
-    if (entryKind == "file")
-        QVERIFY(writeFile(strEntry, "[Desktop Entry]\n"));
-    if (entryKind == "dir")
+    if (entry.startsWith("dir:"))
         QVERIFY(QDir().mkpath(strEntry));
-    DTavelinGuiConfig& config = DTavelinGuiConfig::getInstance();
-    config.setTargetInstallDir(strLocation);
-    if (entryKind != "none")
-        config.setTargetDesktopFilePath(strEntry);
+    else if (!entry.contains(':'))
+        QVERIFY(writeFile(strEntry, "[Desktop Entry]\n"));
+    writeScript(strLocation, entry == "none:" ? QString() : strEntry);
 
-    window.createUninstallFile();
-
-    const QString strScript = strLocation + "/uninstall.sh";
-    QByteArray baExpected = kScriptHead + "cd \"" + strLocation.toUtf8() + "/../\"\n\n" + "rm -rf \""
-        + strLocation.toUtf8() + "\"\n\n";
-    if (withRmLine)
-        baExpected += "rm -f \"" + strEntry.toUtf8() + "\"\n\n";
-    baExpected += kScriptTail;
-    QCOMPARE(readFile(strScript), baExpected);
-
+    const QByteArray baBase = tmpDir.path().toUtf8() + "/";
+    QByteArray baExpected = kScriptHead + "cd \"" + baBase + escapedLocation + "/../\"\n\nrm -rf \"" + baBase + escapedLocation + "\"\n\n";
+    if (!escapedEntry.isEmpty())
+        baExpected += "rm -f \"" + baBase + "apps/" + escapedEntry + "\"\n\n";
+    QCOMPARE(readFile(strLocation + "/uninstall.sh"), baExpected + "echo \"完成卸载\"\n\n");
     // What a new file gets, plus the owner's execute bit and nothing else.
     QVERIFY(writeFile(tmpDir.path() + "/fresh", QByteArray()));
-    QCOMPARE(modeOf(strScript), modeOf(tmpDir.path() + "/fresh") | S_IXUSR);
-}
-
-void tst_UninstallScript::escapesShellCharacters()
-{
-    const QString strLocation = tmpDir.path() + "/a\"b$c`d\\e f";
-    const QString strEntry = tmpDir.path() + "/$x`y\".desktop";
-    QVERIFY(QDir().mkpath(strLocation));
-    QVERIFY(writeFile(strEntry, "x"));
-    DTavelinGuiConfig& config = DTavelinGuiConfig::getInstance();
-    config.setTargetInstallDir(strLocation);
-    config.setTargetDesktopFilePath(strEntry);
-
-    window.createUninstallFile();
-
-    const QByteArray baBase = tmpDir.path().toUtf8();
-    QCOMPARE(readFile(strLocation + "/uninstall.sh"),
-             kScriptHead + "cd \"" + baBase + "/a\\\"b\\$c\\`d\\\\e f/../\"\n\n" + "rm -rf \"" + baBase
-                 + "/a\\\"b\\$c\\`d\\\\e f\"\n\n" + "rm -f \"" + baBase + "/\\$x\\`y\\\".desktop\"\n\n" + kScriptTail);
+    QCOMPARE(modeOf(strLocation + "/uninstall.sh"), modeOf(tmpDir.path() + "/fresh") | S_IXUSR);
 }
 
 void tst_UninstallScript::leavesExistingUninstallAlone_data()
@@ -141,28 +105,15 @@ void tst_UninstallScript::leavesExistingUninstallAlone_data()
 void tst_UninstallScript::leavesExistingUninstallAlone()
 {
     QFETCH(bool, asDirectory);
-    const QString strLocation = tmpDir.path() + "/demo";
-    const QString strScript = strLocation + "/uninstall.sh";
-    if (asDirectory)
-        QVERIFY(writeFile(strScript + "/inside", "kept"));
-    else
-        QVERIFY(writeFile(strScript, "echo earlier install\n"));
+    const QString strScript = tmpDir.path() + "/demo/uninstall.sh";
+    QVERIFY(writeFile(asDirectory ? strScript + "/inside" : strScript, "earlier"));
     // Odd bits that a chmod by the stage would change.
-    const QFile::Permissions odd = QFile::ReadOwner | QFile::WriteOwner | QFile::ReadOther
-        | (asDirectory ? QFile::ExeOwner | QFile::ExeOther : QFile::Permissions());
-    QVERIFY(QFile::setPermissions(strScript, odd));
-    const mode_t before = modeOf(strScript);
-    DTavelinGuiConfig::getInstance().setTargetInstallDir(strLocation);
-
-    window.createUninstallFile();
-
-    QCOMPARE(modeOf(strScript), before);
-    if (asDirectory) {
-        QCOMPARE(treeOf(strScript), QStringList{"/inside"});
-        QCOMPARE(readFile(strScript + "/inside"), QByteArray("kept"));
-    } else {
-        QCOMPARE(readFile(strScript), QByteArray("echo earlier install\n"));
-    }
+    QVERIFY(::chmod(QFile::encodeName(strScript).constData(), asDirectory ? 0705 : 0604) == 0);
+    writeScript(tmpDir.path() + "/demo", QString());
+    QCOMPARE(modeOf(strScript), asDirectory ? mode_t(0705) : mode_t(0604));
+    QCOMPARE(treeOf(tmpDir.path() + "/demo"), asDirectory ? QStringList({"uninstall.sh/", "uninstall.sh/inside"})
+                                                          : QStringList{"uninstall.sh"});
+    QCOMPARE(readFile(asDirectory ? strScript + "/inside" : strScript), QByteArray("earlier"));
 }
 
 void tst_UninstallScript::runsUnderShells_data()
@@ -174,28 +125,17 @@ void tst_UninstallScript::runsUnderShells_data()
     QTest::addColumn<bool>("removes");
 
     const QList<QPair<const char*, QString>> components = {
-        {"blank", "my app"},
-        {"double quote", "a\"b"},
-        {"single quote", "it's"},
-        {"command substitution", "$(touch pwned)"},
-        {"backtick", "`touch pwned`"},
-        {"variable", "$HOME"},
-        {"backslash", "a\\b\\\\"},
-        {"newline", "line\none"},
-        {"leading dash", "-rf"},
-        {"glob", "*"},
-        {"CJK", "演示程序"},
+        {"blank", "my app"}, {"double quote", "a\"b"}, {"single quote", "it's"},
+        {"command substitution", "$(touch pwned)"}, {"backtick", "`touch pwned`"}, {"variable", "$HOME"},
+        {"backslash", "a\\b\\\\"}, {"newline", "line\none"}, {"leading dash", "-rf"}, {"glob", "*"}, {"CJK", "演示程序"},
     };
     for (const char* shell : {"sh", "dash", "bash"}) {
         for (const auto& component : components) {
-            QTest::addRow("%s, %s, answer n", shell, component.first)
-                << shell << component.second << "" << QByteArray("n\n") << false;
-            QTest::addRow("%s, %s, answer y", shell, component.first)
-                << shell << component.second << "" << QByteArray("y\n") << true;
+            QTest::addRow("%s, %s, answer n", shell, component.first) << shell << component.second << "" << QByteArray("n\n") << false;
+            QTest::addRow("%s, %s, answer y", shell, component.first) << shell << component.second << "" << QByteArray("y\n") << true;
         }
         QTest::addRow("%s, trailing slash, answer Y", shell) << shell << "app" << "/" << QByteArray("Y\n") << true;
         QTest::addRow("%s, answer yes", shell) << shell << "app" << "" << QByteArray("yes\n") << false;
-        QTest::addRow("%s, empty answer", shell) << shell << "app" << "" << QByteArray("\n") << false;
         QTest::addRow("%s, no answer at all", shell) << shell << "app" << "" << QByteArray() << false;
     }
 }
@@ -216,43 +156,25 @@ void tst_UninstallScript::runsUnderShells()
     const QString strParent = strBase + "/parent/" + component;
     const QString strLocation = strParent + "/" + component + trailer;
     const QString strEntry = strBase + "/apps/" + component + ".desktop";
-    QVERIFY(writeFile(strLocation + "/bin/demo", "#!/bin/sh\n"));
-    QVERIFY(writeFile(strLocation + "/.hidden", "h"));
-    QVERIFY(writeFile(strParent + "/sentinel", "s"));
-    QVERIFY(writeFile(strParent + "/" + component + "-sibling", "s"));
-    QVERIFY(writeFile(strBase + "/parent/sentinel", "s"));
-    QVERIFY(writeFile(strEntry, "[Desktop Entry]\n"));
-    QVERIFY(writeFile(strBase + "/apps/other.desktop", "[Desktop Entry]\n"));
-    QVERIFY(QDir().mkpath(strBase + "/run"));
-    DTavelinGuiConfig& config = DTavelinGuiConfig::getInstance();
-    config.setTargetInstallDir(strLocation);
-    config.setTargetDesktopFilePath(strEntry);
-    window.createUninstallFile();
-    const QString strScript = strLocation + "/uninstall.sh";
-    QVERIFY(QFileInfo(strScript).isFile());
-    const QStringList before = treeOf(strBase);
+    for (const QString& strFile : {strLocation + "/bin/demo", strLocation + "/.hidden", strParent + "/sentinel",
+                                   strParent + "/" + component + "-sibling", strBase + "/parent/sentinel", strEntry,
+                                   strBase + "/apps/other.desktop", strBase + "/run/sentinel"})
+        QVERIFY(writeFile(strFile, "s"));
+    writeScript(strLocation, strEntry);
+    QStringList expected = treeOf(strBase);
 
-    const TestSupport::TScriptRun run = TestSupport::runUninstallScript(strShell, strScript, answer, strBase + "/run");
+    const TScriptRun run = runUninstallScript(strShell, strLocation + "/uninstall.sh", answer, strBase + "/run");
     QVERIFY(run.bFinished);
     QCOMPARE(run.exitCode, 0);
-    const QString strOut = run.strOut;
     QVERIFY2(run.strErr.isEmpty(), qPrintable(run.strErr));
-
-    QStringList expected = before;
+    QCOMPARE(run.strOut.contains(QStringLiteral("完成卸载")), removes);
     if (removes) {
-        const QString strTree = (strLocation.endsWith('/') ? strLocation.chopped(1) : strLocation).mid(strBase.size());
-        const QString strEntryRel = strEntry.mid(strBase.size());
-        expected.erase(std::remove_if(expected.begin(), expected.end(),
-                                      [&](const QString& p) {
-                                          return p == strTree || p.startsWith(strTree + "/") || p == strEntryRel;
-                                      }),
-                       expected.end());
-        QVERIFY(strOut.contains(QStringLiteral("完成卸载")));
-    } else {
-        QVERIFY(!strOut.contains(QStringLiteral("开始卸载")));
+        const QString strTree = strParent.mid(strBase.size() + 1) + "/" + component + "/";
+        expected.erase(std::remove_if(expected.begin(), expected.end(), [&](const QString& p) {
+            return p.startsWith(strTree) || p == strEntry.mid(strBase.size() + 1);
+        }), expected.end());
     }
     QCOMPARE(treeOf(strBase), expected);
-    QCOMPARE(readFile(strParent + "/sentinel"), QByteArray("s"));
 }
 
 QTEST_MAIN(tst_UninstallScript)

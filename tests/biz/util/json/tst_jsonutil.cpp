@@ -4,8 +4,6 @@
 
 #include <QtTest>
 
-#include <unistd.h>
-
 class tst_JsonUtil : public QObject
 {
     Q_OBJECT
@@ -13,75 +11,50 @@ class tst_JsonUtil : public QObject
 private slots:
     void initObjFromJsonFile_data();
     void initObjFromJsonFile();
-    void missingFile();
-    void directoryIsNoFile();
-    void unreadableFile();
-
-private:
-    QTemporaryDir tempDir;
 };
 
 void tst_JsonUtil::initObjFromJsonFile_data()
 {
+    QTest::addColumn<QString>("kind"); // how the file stands: "file", "missing", "directory" or "unreadable"
     QTest::addColumn<QByteArray>("content");
     QTest::addColumn<bool>("result");
     QTest::addColumn<QString>("nameEng");
 
-    QTest::newRow("valid manifest") << QByteArray(R"({"base":{"nameEng":"Demo"}})") << true << "Demo";
-    QTest::newRow("empty file") << QByteArray() << false << "unchanged";
-    QTest::newRow("first byte NUL") << QByteArray("\0{\"base\":{}}", 12) << false << "unchanged";
-    QTest::newRow("not JSON") << QByteArray("nameEng=Demo") << true << "unchanged";
-    QTest::newRow("whitespace only") << QByteArray("\n  \n") << true << "unchanged";
-    QTest::newRow("array at the top level") << QByteArray(R"([{"base":{"nameEng":"X"}}])") << true << "unchanged";
-    QTest::newRow("NUL behind the object")
-        << QByteArray("{\"base\":{\"nameEng\":\"Demo\"}}\0trailing", 36) << true << "Demo";
-    QTest::newRow("NUL inside the object")
-        << QByteArray("{\"base\":{\"nameEng\":\"Demo\"}\0}", 28) << true << "unchanged";
+    const QByteArray baDemo(R"({"base":{"nameEng":"Demo"}})");
+    QTest::newRow("valid manifest") << "file" << baDemo << true << "Demo";
+    QTest::newRow("missing file") << "missing" << QByteArray() << false << "unchanged";
+    QTest::newRow("a directory") << "directory" << QByteArray() << false << "unchanged";
+    QTest::newRow("unreadable for its user") << "unreadable" << baDemo << false << "unchanged";
+    QTest::newRow("empty file") << "file" << QByteArray() << false << "unchanged";
+    QTest::newRow("first byte NUL") << "file" << QByteArray("\0{\"base\":{}}", 12) << false << "unchanged";
+    QTest::newRow("not JSON") << "file" << QByteArray("nameEng=Demo") << true << "unchanged";
+    QTest::newRow("array at the top level") << "file" << QByteArray(R"([{"base":{"nameEng":"X"}}])") << true << "unchanged";
+    QTest::newRow("NUL behind the object") << "file" << QByteArray("{\"base\":{\"nameEng\":\"Demo\"}}\0trailing", 36) << true << "Demo";
+    QTest::newRow("NUL inside the object") << "file" << QByteArray("{\"base\":{\"nameEng\":\"Demo\"}\0}", 28) << true << "unchanged";
     QTest::newRow("Latin-1 bytes become replacement characters")
-        << QByteArray("{\"base\":{\"nameEng\":\"caf\xe9\"}}") << true << QStringLiteral("caf\uFFFD");
+        << "file" << QByteArray("{\"base\":{\"nameEng\":\"caf\xe9\"}}") << true << QStringLiteral("caf\uFFFD");
 }
 
 void tst_JsonUtil::initObjFromJsonFile()
 {
+    QFETCH(QString, kind);
     QFETCH(QByteArray, content);
-    const QString strPath = tempDir.filePath(QStringLiteral("mainifest.json"));
-    QVERIFY(TestSupport::writeFile(strPath, content));
+    const QTemporaryDir caseDir;
+    const QString strDir = TestSupport::unprivilegedChildDir().isEmpty() ? caseDir.path() : TestSupport::unprivilegedChildDir();
+    const QString strPath = strDir + (kind == "directory" ? "" : "/mainifest.json");
+    if (TestSupport::unprivilegedChildDir().isEmpty() && kind != "missing" && kind != "directory")
+        QVERIFY(TestSupport::writeFile(strPath, content));
+    // Root reads every file, so that case runs as an unprivileged user.
+    if (kind == "unreadable") {
+        if (TestSupport::unprivilegedChildDir().isEmpty())
+            QVERIFY(QFile::setPermissions(strPath, QFileDevice::Permissions()));
+        TAVELIN_RUN_UNPRIVILEGED(strDir);
+    }
 
     TAppPackInfo info;
     info.base.nameEng = "unchanged";
     QTEST(JsonUtil::initObjFromJsonFile(strPath.toStdString(), info), "result");
     QTEST(QString::fromStdString(info.base.nameEng), "nameEng");
-}
-
-void tst_JsonUtil::missingFile()
-{
-    TAppPackInfo info;
-    info.base.nameEng = "unchanged";
-    QVERIFY(!JsonUtil::initObjFromJsonFile(tempDir.filePath(QStringLiteral("none.json")).toStdString(), info));
-    QCOMPARE(info.base.nameEng, std::string("unchanged"));
-}
-
-void tst_JsonUtil::directoryIsNoFile()
-{
-    TAppPackInfo info;
-    QVERIFY(!JsonUtil::initObjFromJsonFile(tempDir.path().toStdString(), info));
-}
-
-// Root reads every file, so the case runs as an unprivileged user.
-void tst_JsonUtil::unreadableFile()
-{
-    QTemporaryDir caseDir;
-    const QString strDir = TestSupport::isUnprivilegedChild() ? TestSupport::unprivilegedChildDir() : caseDir.path();
-    const QString strPath = strDir + QStringLiteral("/locked.json");
-    if (!TestSupport::isUnprivilegedChild()) {
-        QVERIFY(TestSupport::writeFile(strPath, R"({"base":{"nameEng":"Demo"}})"));
-        QVERIFY(QFile::setPermissions(strPath, QFileDevice::Permissions()));
-    }
-    TAVELIN_RUN_UNPRIVILEGED(strDir);
-
-    TAppPackInfo info;
-    QVERIFY(!JsonUtil::initObjFromJsonFile(strPath.toStdString(), info));
-    QVERIFY(info.base.nameEng.empty());
 }
 
 QTEST_GUILESS_MAIN(tst_JsonUtil)
