@@ -213,9 +213,14 @@ mkdir -p "$src"
 # The copy follows the checkout, uncommitted changes included; unchanged
 # files keep their time stamps, so the build stays incremental.
 git ls-files -co --exclude-standard | while IFS= read -r file; do
-    [ -f "$file" ] || continue
+    [ -f "$file" ] && echo "$file"
+done | sort > "$scratch/files"
+while IFS= read -r file; do
     cmp -s "$file" "$src/$file" 2>/dev/null || { mkdir -p "$src/$(dirname "$file")"; cp "$file" "$src/$file"; }
-done
+done < "$scratch/files"
+(cd "$src" && find . -type f | sed 's|^\./||' | sort | comm -23 - "$scratch/files" | while IFS= read -r gone; do
+    rm -f "$gone"
+done)
 
 log=$scratch/log
 mkdir -p "$log"

@@ -212,17 +212,4 @@ QByteArray DFifoGate::drainWriter()
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-void DMessageBoxCloser::timerEvent(QTimerEvent*)
-{
-    auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
-    if (!box || !box->isVisible())
-        return;
-    ++count;
-    title = box->windowTitle();
-    text = box->text();
-    buttons = box->standardButtons();
-    icon = box->icon();
-    box->done(QMessageBox::Ok);
-}
-
 } // namespace TestSupport

@@ -3,7 +3,6 @@
 #include "mainwindow.h"
 
 #include <QByteArray>
-#include <QMessageBox>
 #include <QString>
 #include <QStringList>
 
@@ -64,21 +63,6 @@ public:
 private:
     QString strPath;
     int fdWriter = -1;
-};
-
-/// Closes every modal message box shown while it lives, keeping the last one's texts.
-class DMessageBoxCloser : public QObject
-{
-public:
-    DMessageBoxCloser() { startTimer(10); }
-    int count = 0;
-    QString title;
-    QString text;
-    QMessageBox::StandardButtons buttons;
-    QMessageBox::Icon icon = QMessageBox::NoIcon;
-
-protected:
-    void timerEvent(QTimerEvent* event) override;
 };
 
 /// MainWindow with the run's slots and state open to the tests.

@@ -11,13 +11,19 @@ using namespace TestSupport;
 
 namespace {
 
-// Entries ending in "/" are directories; a file holds its own path.
+// "d/" is a directory, "l->t" a link to t, "f|" a FIFO; any other file holds its own path.
 bool makeTree(const QString& strRoot, const QStringList& entries)
 {
     bool bOk = QDir().mkpath(strRoot);
-    for (const QString& strEntry : entries)
-        bOk = bOk && (strEntry.endsWith('/') ? QDir().mkpath(strRoot + "/" + strEntry)
-                                             : writeFile(strRoot + "/" + strEntry, strEntry.toUtf8()));
+    for (const QString& strEntry : entries) {
+        const QString strPath = strRoot + "/" + strEntry.section("->", 0, 0);
+        if (strEntry.contains("->"))
+            bOk = bOk && QFile::link(strEntry.section("->", 1), strPath);
+        else if (strEntry.endsWith('|'))
+            bOk = bOk && mkfifo(QFile::encodeName(strPath.chopped(1)).constData(), 0600) == 0;
+        else
+            bOk = bOk && (strEntry.endsWith('/') ? QDir().mkpath(strPath) : writeFile(strPath, strEntry.toUtf8()));
+    }
     return bOk;
 }
 
@@ -29,13 +35,8 @@ class tst_CopyDirectory : public QObject
 
 private slots:
     void init();
-    void copiesTree_data();
-    void copiesTree();
-    void followsLinksSkipsSpecialFiles();
-    void refusesLoopingLink_data();
-    void refusesLoopingLink();
-    void failures_data();
-    void failures();
+    void copies_data();
+    void copies();
     void cancelDuringCopy_data();
     void cancelDuringCopy();
 
@@ -50,126 +51,77 @@ private:
 
 void tst_CopyDirectory::init()
 {
-    QVERIFY(QDir(tmpDir.path()).removeRecursively() && QDir().mkpath(tmpDir.path()));
-    window.setState(MainWindow::installing);
+    QVERIFY(QDir(tmpDir.path()).removeRecursively() && makeTree(tmpDir.path() + "/out", {"target", "tdir/", "tdir/inner"}));
     counter = 0;
 }
 
-void tst_CopyDirectory::copiesTree_data()
+void tst_CopyDirectory::copies_data()
 {
     QTest::addColumn<QStringList>("source");
-    QTest::addColumn<QStringList>("existing");
-    QTest::addColumn<QStringList>("expected");
-    QTest::addColumn<int>("counted");
-
-    const QStringList tree{"B/", "B/b", "B/deeper/", "B/deeper/c", "Z", "a"};
-    QTest::newRow("new destination: each directory and file counted") << tree << QStringList() << tree << 7;
-    QTest::newRow("existing destination: files replaced, no directory counted")
-        << tree << QStringList{"B/", "B/deeper/", "B/x"} << QStringList{"B/", "B/b", "B/deeper/", "B/deeper/c", "B/x", "Z", "a"} << 4;
-    QTest::newRow("hidden entries stay behind at any depth")
-        << QStringList{".hidden", ".dir/", ".dir/x", "s/", "s/.h", "s/v"} << QStringList() << QStringList{"s/", "s/v"} << 3;
-    QTest::newRow("empty source") << QStringList() << QStringList() << QStringList() << 1;
-}
-
-void tst_CopyDirectory::copiesTree()
-{
-    QFETCH(QStringList, source);
-    QFETCH(QStringList, existing);
-    QFETCH(QStringList, expected);
-    QVERIFY(makeTree(src(), source));
-    if (!existing.isEmpty())
-        QVERIFY(makeTree(dst(), existing) && writeFile(dst() + "/a", "old"));
-
-    QVERIFY(window.copyDirectory(src(), dst(), true, counter));
-    QCOMPARE(treeOf(dst()), expected);
-    QTEST(counter.load(), "counted");
-    QCOMPARE(window.installState(), MainWindow::installing);
-    for (const QString& strEntry : source) {
-        if (!strEntry.endsWith('/') && !strEntry.contains("."))
-            QCOMPARE(readFile(dst() + "/" + strEntry), strEntry.toUtf8());
-    }
-}
-
-void tst_CopyDirectory::followsLinksSkipsSpecialFiles()
-{
-    QVERIFY(makeTree(tmpDir.path() + "/outside", {"target", "tdir/", "tdir/inner"}));
-    QVERIFY(makeTree(src(), {"plain"}));
-    QVERIFY(QFile::link(tmpDir.path() + "/outside/target", src() + "/filelink"));
-    QVERIFY(QFile::link(tmpDir.path() + "/outside/tdir", src() + "/dirlink"));
-    QVERIFY(QFile::link(tmpDir.path() + "/outside/gone", src() + "/dangling"));
-    QCOMPARE(mkfifo(QFile::encodeName(src() + "/fifo").constData(), 0600), 0);
-
-    QVERIFY(window.copyDirectory(src(), dst(), true, counter));
-    QCOMPARE(treeOf(dst()), QStringList({"dirlink/", "dirlink/inner", "filelink", "plain"}));
-    QCOMPARE(readFile(dst() + "/filelink"), QByteArray("target"));
-    QCOMPARE(counter.load(), 5);
-}
-
-void tst_CopyDirectory::refusesLoopingLink_data()
-{
-    QTest::addColumn<QString>("linkAt");
-    QTest::addColumn<QString>("target");
-    QTest::addColumn<bool>("loops");
-    QTest::newRow("link to the parent") << "sub/up" << ".." << true;
-    QTest::newRow("link to the copy's root") << "sub/deeper/root" << "../.." << true;
-    QTest::newRow("link to itself by absolute path") << "sub/me" << "SRC/sub" << true;
-    QTest::newRow("link to a sibling is no loop") << "sub/twin" << "../other" << false;
-}
-
-void tst_CopyDirectory::refusesLoopingLink()
-{
-    QFETCH(QString, linkAt);
-    QFETCH(QString, target);
-    QFETCH(bool, loops);
-    QVERIFY(makeTree(src(), {"sub/", "sub/deeper/", "sub/f", "other/", "other/o"}));
-    QVERIFY(QFile::link(target.replace("SRC", src()), src() + "/" + linkAt));
-
-    QCOMPARE(window.copyDirectory(src(), dst(), true, counter), !loops);
-    QCOMPARE(window.installState(), loops ? MainWindow::failed : MainWindow::installing);
-    QCOMPARE(readFile(dst() + "/" + linkAt + "/o"), loops ? QByteArray() : QByteArray("other/o"));
-}
-
-void tst_CopyDirectory::failures_data()
-{
-    QTest::addColumn<QStringList>("source");
-    QTest::addColumn<QStringList>("existing");
+    QTest::addColumn<QStringList>("existing"); // below dst
     QTest::addColumn<QString>("dstName");
     QTest::addColumn<bool>("cover");
     QTest::addColumn<int>("stateBefore");
+    QTest::addColumn<bool>("result");
     QTest::addColumn<int>("stateAfter");
     QTest::addColumn<int>("counted");
+    QTest::addColumn<QStringList>("tree"); // of dst
 
     const int installing = MainWindow::installing;
     const int failed = MainWindow::failed;
     const int cancel = MainWindow::cancel;
+    const QStringList tree{"B/", "B/b", "B/deeper/", "B/deeper/c", "Z", "a"};
+    QTest::newRow("new destination: each directory and file counted")
+        << tree << QStringList() << "dst" << true << installing << true << installing << 7 << tree;
+    QTest::newRow("existing destination: files replaced, no directory counted")
+        << tree << QStringList{"B/", "B/deeper/", "B/x", "a->out/target"} << "dst" << true << installing << true << installing << 4
+        << QStringList{"B/", "B/b", "B/deeper/", "B/deeper/c", "B/x", "Z", "a"};
+    QTest::newRow("hidden entries stay behind at any depth") << QStringList{".hidden", ".dir/", ".dir/x", "s/", "s/.h", "s/v"}
+        << QStringList() << "dst" << true << installing << true << installing << 3 << QStringList{"s/", "s/v"};
+    QTest::newRow("empty source") << QStringList() << QStringList() << "dst" << true << installing << true << installing << 1 << QStringList();
+    QTest::newRow("links followed; FIFOs and dangling links left out")
+        << QStringList{"plain", "filelink->OUT/target", "dirlink->OUT/tdir", "dangling->OUT/gone", "fifo|"} << QStringList() << "dst"
+        << true << installing << true << installing << 5 << QStringList{"dirlink/", "dirlink/inner", "filelink", "plain"};
+    QTest::newRow("link to a sibling is no loop") << QStringList{"sub/", "sub/twin->../other", "other/", "other/o"} << QStringList()
+        << "dst" << true << installing << true << installing << 6 << QStringList{"other/", "other/o", "sub/", "sub/twin/", "sub/twin/o"};
+    QTest::newRow("link to the parent loops") << QStringList{"sub/", "sub/up->.."} << QStringList() << "dst" << true << installing
+                                              << false << failed << 2 << QStringList{"sub/"};
+    QTest::newRow("link to the copy's root by absolute path loops") << QStringList{"sub/", "sub/deeper/", "sub/deeper/root->SRC"}
+        << QStringList() << "dst" << true << installing << false << failed << 3 << QStringList{"sub/", "sub/deeper/"};
     QTest::newRow("directory where a file is to be replaced: remove fails")
-        << QStringList{"a", "x"} << QStringList{"x/", "x/in"} << "dst" << true << installing << failed << 1;
+        << QStringList{"a", "x"} << QStringList{"x/", "x/in"} << "dst" << true << installing << false << failed << 1 << QStringList{"a", "x/", "x/in"};
     QTest::newRow("file where a directory must go: mkdir fails")
-        << QStringList{"a", "x/", "x/in"} << QStringList{"x"} << "dst" << true << installing << failed << 1;
+        << QStringList{"a", "x/", "x/in"} << QStringList{"x"} << "dst" << true << installing << false << failed << 1 << QStringList{"a", "x"};
     QTest::newRow("no cover, file in place: copy fails")
-        << QStringList{"a", "x"} << QStringList{"x"} << "dst" << false << installing << failed << 1;
+        << QStringList{"a", "x"} << QStringList{"x"} << "dst" << false << installing << false << failed << 1 << QStringList{"a", "x"};
     QTest::newRow("mkdir fails after a cancel: failed wins")
-        << QStringList{"a"} << QStringList{"blocker"} << "dst/blocker/new" << true << cancel << failed << 0;
+        << QStringList{"a"} << QStringList{"blocker"} << "dst/blocker/new" << true << cancel << false << failed << 0 << QStringList{"blocker"};
     QTest::newRow("cancel seen after a successful mkdir")
-        << QStringList{"a"} << QStringList() << "dst/new" << true << cancel << cancel << 0;
+        << QStringList{"a"} << QStringList() << "dst/new" << true << cancel << false << cancel << 0 << QStringList{"new/"};
     QTest::newRow("cancel seen in a directory with no entries")
-        << QStringList() << QStringList{"e/"} << "dst" << true << cancel << cancel << 0;
+        << QStringList() << QStringList{"e/"} << "dst" << true << cancel << false << cancel << 0 << QStringList{"e/"};
 }
 
-void tst_CopyDirectory::failures()
+void tst_CopyDirectory::copies()
 {
     QFETCH(QStringList, source);
     QFETCH(QStringList, existing);
     QFETCH(QString, dstName);
     QFETCH(bool, cover);
     QFETCH(int, stateBefore);
-    QVERIFY(makeTree(src(), source) && makeTree(dst(), existing));
+    QVERIFY(makeTree(src(), source.replaceInStrings("OUT", tmpDir.path() + "/out").replaceInStrings("SRC", src())));
+    if (!existing.isEmpty() || dstName != "dst")
+        QVERIFY(makeTree(dst(), existing.replaceInStrings("out/", tmpDir.path() + "/out/")));
     window.setState(MainWindow::EInstallState(stateBefore));
 
-    QVERIFY(!window.copyDirectory(src(), tmpDir.path() + "/" + dstName, cover, counter));
+    QTEST(window.copyDirectory(src(), tmpDir.path() + "/" + dstName, cover, counter), "result");
     QTEST(int(window.installState()), "stateAfter");
     QTEST(counter.load(), "counted");
-    QCOMPARE(QFileInfo(dst() + "/new").isDir(), dstName == "dst/new");
+    QTEST(treeOf(dst()), "tree");
+    for (const QString& strEntry : QStringList{"a", "B/deeper/c", "filelink", "dirlink/inner"}) {
+        if (QFileInfo(dst() + "/" + strEntry).isFile() && QFileInfo(src() + "/" + strEntry).isFile())
+            QCOMPARE(readFile(dst() + "/" + strEntry), readFile(src() + "/" + strEntry));
+    }
 }
 
 // A FIFO link holds the copy inside one entry, past its test of the state.
@@ -179,21 +131,21 @@ void tst_CopyDirectory::cancelDuringCopy_data()
     QTest::addColumn<QString>("gateAt");
     QTest::addColumn<bool>("result");
     QTest::addColumn<QStringList>("expected");
-    QTest::newRow("in the middle: the next entry stops it")
-        << QStringList{"a", "b", "x", "y/", "y/z"} << "m" << false << QStringList{"a", "b", "m"};
-    QTest::newRow("after the last entry passed its test: the copy completes")
-        << QStringList{"a", "b/", "b/c"} << "z" << true << QStringList{"a", "b/", "b/c", "z"};
-    QTest::newRow("last entry of a subdirectory: seen at the parent's next entry")
-        << QStringList{"a", "d/", "d/c", "e"} << "d/z" << false << QStringList{"a", "d/", "d/c", "d/z"};
+    QTest::newRow("in the middle: the next entry stops it") << QStringList{"a", "b", "x", "y/", "y/z"} << "m" << false
+                                                            << QStringList{"a", "b", "m"};
+    QTest::newRow("after the last entry passed its test: the copy completes") << QStringList{"a", "b/", "b/c"} << "z" << true
+                                                                              << QStringList{"a", "b/", "b/c", "z"};
+    QTest::newRow("last entry of a subdirectory: seen at the parent's next entry") << QStringList{"a", "d/", "d/c", "e"} << "d/z"
+                                                                                   << false << QStringList{"a", "d/", "d/c", "d/z"};
 }
 
 void tst_CopyDirectory::cancelDuringCopy()
 {
     QFETCH(QStringList, source);
     QFETCH(QString, gateAt);
-    QVERIFY(makeTree(src(), source));
+    QVERIFY(makeTree(src(), source << gateAt + "->" + tmpDir.path() + "/gate"));
     DFifoGate gate(tmpDir.path() + "/gate");
-    QVERIFY(QFile::link(tmpDir.path() + "/gate", src() + "/" + gateAt));
+    window.setState(MainWindow::installing);
     bool bResult = false;
 
     std::thread worker([&] { bResult = window.copyDirectory(src(), dst(), true, counter); });

@@ -4,6 +4,7 @@
 #include <QDateTime>
 #include <QLabel>
 #include <QLineEdit>
+#include <QMessageBox>
 #include <QProcess>
 #include <QProgressBar>
 #include <QPushButton>
@@ -114,15 +115,20 @@ void tst_InstallRun::refusals()
     } else {
         QVERIFY(QFile::setPermissions(strReadOnly, QFile::ReadOwner | QFile::ExeOwner));
     }
-    DMessageBoxCloser seen;
+    QStringList seen; // title, text, buttons and icon of every refusal box, closed as it shows
+    QTimer closer;
+    connect(&closer, &QTimer::timeout, [&seen] {
+        if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
+            seen << box->windowTitle() << box->text() << QString::number(box->standardButtons()) << QString::number(box->icon());
+            box->done(QMessageBox::Ok);
+        }
+    });
+    closer.start(10);
     startRun(location);
     QProcess::execute("umount", {strReadOnly});
-
-    QCOMPARE(seen.count, 1);
-    QTEST(seen.title, "title");
-    QTEST(seen.text, "text");
-    QCOMPARE(seen.buttons, QMessageBox::StandardButtons(QMessageBox::Ok));
-    QCOMPARE(seen.icon, QMessageBox::Information);
+    QFETCH(QString, title);
+    QFETCH(QString, text);
+    QCOMPARE(seen, QStringList({title, text, QString::number(QMessageBox::Ok), QString::number(QMessageBox::Information)}));
     QCOMPARE(window->installState(), MainWindow::pending);
     QVERIFY(!window->timerActive());
     QCOMPARE(window->createButton()->text(), QString("安装"));

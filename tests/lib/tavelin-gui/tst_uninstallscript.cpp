@@ -34,8 +34,6 @@ private slots:
     void init();
     void writesExactBytes_data();
     void writesExactBytes();
-    void leavesExistingUninstallAlone_data();
-    void leavesExistingUninstallAlone();
     void runsUnderShells_data();
     void runsUnderShells();
 
@@ -93,27 +91,6 @@ void tst_UninstallScript::writesExactBytes()
     // What a new file gets, plus the owner's execute bit and nothing else.
     QVERIFY(writeFile(tmpDir.path() + "/fresh", QByteArray()));
     QCOMPARE(modeOf(strLocation + "/uninstall.sh"), modeOf(tmpDir.path() + "/fresh") | S_IXUSR);
-}
-
-void tst_UninstallScript::leavesExistingUninstallAlone_data()
-{
-    QTest::addColumn<bool>("asDirectory");
-    QTest::newRow("a file named uninstall.sh") << false;
-    QTest::newRow("a directory named uninstall.sh") << true;
-}
-
-void tst_UninstallScript::leavesExistingUninstallAlone()
-{
-    QFETCH(bool, asDirectory);
-    const QString strScript = tmpDir.path() + "/demo/uninstall.sh";
-    QVERIFY(writeFile(asDirectory ? strScript + "/inside" : strScript, "earlier"));
-    // Odd bits that a chmod by the stage would change.
-    QVERIFY(::chmod(QFile::encodeName(strScript).constData(), asDirectory ? 0705 : 0604) == 0);
-    writeScript(tmpDir.path() + "/demo", QString());
-    QCOMPARE(modeOf(strScript), asDirectory ? mode_t(0705) : mode_t(0604));
-    QCOMPARE(treeOf(tmpDir.path() + "/demo"), asDirectory ? QStringList({"uninstall.sh/", "uninstall.sh/inside"})
-                                                          : QStringList{"uninstall.sh"});
-    QCOMPARE(readFile(asDirectory ? strScript + "/inside" : strScript), QByteArray("earlier"));
 }
 
 void tst_UninstallScript::runsUnderShells_data()
