@@ -122,4 +122,8 @@ export APPDIR
 exec "$here/usr/bin/tavelin-gui" "$@"
 APPRUN
 chmod 0755 "$appdir/AppRun"
+# The image stores modes as found: make them the same whatever the umask.
+find "$appdir" -type d -exec chmod 0755 {} +
+find "$appdir" -type f -perm /0111 -exec chmod 0755 {} +
+find "$appdir" -type f ! -perm /0111 -exec chmod 0644 {} +
 echo "make-appdir: $appdir ready ($(ls "$appdir/usr/lib" | wc -l) libraries, $(ls "$appdir"/usr/plugins/*/*.so | wc -l) plugins)"

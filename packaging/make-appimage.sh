@@ -13,8 +13,12 @@ command -v mksquashfs >/dev/null || die "mksquashfs not found (Debian package sq
 
 image=$(mktemp)
 trap 'rm -f "$image"' EXIT
-# Owned by root and without timestamps of this machine's users.
-mksquashfs "$appdir" "$image" -noappend -root-owned -comp gzip -quiet >/dev/null \
+# Reproducible: owned by root, no extended attributes, every time stamp
+# SOURCE_DATE_EPOCH or else a fixed 2000-01-01 00:00 UTC. mksquashfs refuses
+# its time options while SOURCE_DATE_EPOCH is set, so it does not see it.
+epoch=${SOURCE_DATE_EPOCH:-946684800}
+env -u SOURCE_DATE_EPOCH mksquashfs "$appdir" "$image" -noappend -all-root -no-xattrs \
+    -mkfs-time "$epoch" -all-time "$epoch" -comp gzip -quiet >/dev/null \
     || die "mksquashfs failed on $appdir"
 cat "$runtime" "$image" > "$output"
 chmod 0755 "$output"
