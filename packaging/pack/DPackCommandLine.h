@@ -5,35 +5,32 @@
 #include <QCommandLineParser>
 #include <QStringList>
 
-/// The packer's command line: each option fills one member of TPackRequest.
+/// The packer's settings: each long option fills one member of TPackRequest;
+/// --config names a file that sets the same keys, and the command line
+/// overrides it.
 class DPackCommandLine
 {
 public:
     DPackCommandLine();
 
-    /// False with getError() set when an option is missing or unknown;
-    /// isHelpAsked() tells a plain request for help.
+    /// False with getError() set when an option is missing or unknown or the
+    /// file is refused; isHelpAsked() tells a plain request for help.
     bool parse(const QStringList& arguments);
 
     TPackRequest getRequest() const { return request; }
     QString getError() const { return strError; }
+    /// The exit status for the error: 2 for the command line, 1 for the file.
+    int getErrorStatus() const { return errorStatus; }
     bool isHelpAsked() const { return bHelpAsked; }
     QString helpText() const { return parser.helpText(); }
 
 private:
-    void addOption(const QString& strName, const QString& strDescription, QString TPackRequest::*member,
-                   const QString& strDefault = QString());
-
-    struct TBinding
-    {
-        QString name;
-        QString TPackRequest::*member;
-        bool bRequired;
-    };
+    bool refuse(const QString& strError, int status);
+    bool refuseMissing(const QStringList& names, const QString& strConfigFile);
 
     QCommandLineParser parser;
-    QList<TBinding> bindings;
     TPackRequest request;
     QString strError;
+    int errorStatus = 0;
     bool bHelpAsked = false;
 };

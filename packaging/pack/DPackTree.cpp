@@ -1,6 +1,7 @@
 #include "DPackTree.h"
 
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 
@@ -95,4 +96,26 @@ bool DPackTree::copy(const QString& strRoot, const TPackTreeScan& scan, const QS
         }
     }
     return true;
+}
+
+QString DPackTree::outermostMissing(const QString& strPath)
+{
+    QString strMissing;
+    QFileInfo fiPath(QFileInfo(strPath).absoluteFilePath());
+    while (!fiPath.exists() && !fiPath.isSymLink() && !fiPath.isRoot()) {
+        strMissing = fiPath.filePath();
+        fiPath = QFileInfo(fiPath.path());
+    }
+    return strMissing;
+}
+
+qint64 DPackTree::fileBytes(const QString& strDir)
+{
+    qint64 bytes = 0;
+    QDirIterator iterator(strDir, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
+    while (iterator.hasNext()) {
+        iterator.next();
+        bytes += iterator.fileInfo().size();
+    }
+    return bytes;
 }

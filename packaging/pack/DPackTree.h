@@ -34,6 +34,11 @@ public:
     static bool scan(const QString& strRoot, TPackTreeScan& scan);
     /// Recreates the scanned entries below strDst, links resolved.
     static bool copy(const QString& strRoot, const TPackTreeScan& scan, const QString& strDst, QString& strError);
+    /// The outermost directory on strPath that does not exist yet, which
+    /// creating strPath creates; empty when strPath exists.
+    static QString outermostMissing(const QString& strPath);
+    /// The sizes of the regular files below strDir, added up.
+    static qint64 fileBytes(const QString& strDir);
 
 private:
     static bool scanDir(const QString& strDir, const QString& strRelative, QStringList& ancestors, TPackTreeScan& scan);

@@ -19,27 +19,54 @@ std::string utf8(const QString& str)
 
 bool DPacker::pack(const TPackRequest& request)
 {
+    return check(request) && write(request, request.outputDir);
+}
+
+bool DPacker::check(const TPackRequest& request)
+{
     strError.clear();
     warnings.clear();
-    filesTotalCount = 0;
-    TPackTreeScan scan;
-    const bool bTreeOk = DPackTree::scan(request.appTree, scan);
+    checksPassed.clear();
+    const bool bOk = passed(checkTree(request.appTree), QStringLiteral("application tree"))
+        && passed(DPackChecks::checkMainExe(request.localDir, request.mainExePath, scan, strError),
+                  request.mainExePath.isEmpty() ? QString() : QStringLiteral("main program"))
+        && passed(DPackChecks::checkDesktopEntry(request.desktopEntry, strError, warnings), QStringLiteral("desktop entry"))
+        && passed(DPackChecks::checkIcon(request.icon, strError), QStringLiteral("icon"))
+        && (request.outputDir.isEmpty() || passed(checkOutputDir(request.outputDir), QStringLiteral("output directory")));
+    if (bOk)
+        warnIfNotExecutable(request);
+    return bOk;
+}
+
+bool DPacker::passed(bool bOk, const QString& strCheck)
+{
+    if (bOk && !strCheck.isEmpty())
+        checksPassed << strCheck;
+    return bOk;
+}
+
+bool DPacker::checkTree(const QString& strAppTree)
+{
+    scan = TPackTreeScan();
+    const bool bTreeOk = DPackTree::scan(strAppTree, scan);
     warnings += scan.warnings;
     if (!bTreeOk) {
         strError = scan.error;
         return false;
     }
     if (scan.count() == 0) {
-        strError = QStringLiteral("application tree %1 is empty: the wizard would install nothing").arg(request.appTree);
+        strError = QStringLiteral("application tree %1 is empty: the wizard would install nothing").arg(strAppTree);
         return false;
     }
-    if (!DPackChecks::checkMainExe(request.localDir, request.mainExePath, scan, strError)
-        || !DPackChecks::checkDesktopEntry(request.desktopEntry, strError, warnings)
-        || !DPackChecks::checkIcon(request.icon, strError) || !checkOutputDir(request.outputDir))
-        return false;
-    warnIfNotExecutable(request);
-    filesTotalCount = scan.count();
-    return writePayload(request, scan);
+    return true;
+}
+
+int DPacker::getDirCount() const
+{
+    int count = 0;
+    for (const TPackTreeEntry& entry : scan.entries)
+        count += entry.bDir ? 1 : 0;
+    return count;
 }
 
 void DPacker::warnIfNotExecutable(const TPackRequest& request)
@@ -54,10 +81,6 @@ void DPacker::warnIfNotExecutable(const TPackRequest& request)
 
 bool DPacker::checkOutputDir(const QString& strOutputDir)
 {
-    if (strOutputDir.isEmpty()) {
-        strError = QStringLiteral("no output directory given");
-        return false;
-    }
     // Never write into, or over, anything the packager already has there.
     const QDir dirOutput(strOutputDir);
     if (dirOutput.exists() && !dirOutput.isEmpty(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot)) {
@@ -67,9 +90,35 @@ bool DPacker::checkOutputDir(const QString& strOutputDir)
     return true;
 }
 
-bool DPacker::writePayload(const TPackRequest& request, const TPackTreeScan& scan)
+bool DPacker::write(const TPackRequest& request, const QString& strOutputDir)
 {
-    const QDir dirSoft(QDir(request.outputDir).filePath(QStringLiteral("soft")));
+    if (strOutputDir.isEmpty()) {
+        strError = QStringLiteral("no output directory given");
+        return false;
+    }
+    strCreatedDir = DPackTree::outermostMissing(strOutputDir);
+    strSoftDir = QDir(strOutputDir).filePath(QStringLiteral("soft"));
+    if (!writePayload(request)) {
+        removePayload();
+        return false;
+    }
+    payloadBytes = DPackTree::fileBytes(strSoftDir);
+    return true;
+}
+
+void DPacker::removePayload()
+{
+    if (strSoftDir.isEmpty())
+        return;
+    // The output directory was missing or empty before: all below is ours.
+    QDir(strCreatedDir.isEmpty() ? strSoftDir : strCreatedDir).removeRecursively();
+    strSoftDir.clear();
+    strCreatedDir.clear();
+}
+
+bool DPacker::writePayload(const TPackRequest& request)
+{
+    const QDir dirSoft(strSoftDir);
     const QString strDesktopDir = dirSoft.filePath(QStringLiteral("desktop/share/applications"));
     const QString strImagesDir = dirSoft.filePath(QStringLiteral("images"));
     if (!QDir().mkpath(strDesktopDir) || !QDir().mkpath(strImagesDir)) {
@@ -103,14 +152,17 @@ bool DPacker::writeManifest(const TPackRequest& request, const QString& strPath)
     info.install.defaultParentDir = utf8(request.defaultParentDir);
     info.install.dir = utf8(request.dir);
     info.install.appIcon = utf8(QFileInfo(request.icon).fileName());
-    info.install.filesTotalCount = filesTotalCount;
+    info.install.filesTotalCount = scan.count();
     info.install.desktopFile = utf8(QFileInfo(request.desktopEntry).fileName());
     info.files.localDir = utf8(request.localDir);
     info.files.mainExePath = utf8(request.mainExePath);
-    info.appearance.iconPath = utf8(QFileInfo(request.icon).absoluteFilePath());
-    info.appearance.desktopPath = utf8(QFileInfo(request.desktopEntry).absoluteFilePath());
+    // Carried only: paths inside the payload and the file's name, so that the
+    // bytes do not depend on where the sources and the output lie.
+    info.appearance.iconPath = utf8(QStringLiteral("soft/images/") + QFileInfo(request.icon).fileName());
+    info.appearance.desktopPath =
+        utf8(QStringLiteral("soft/desktop/share/applications/") + QFileInfo(request.desktopEntry).fileName());
     info.appearance.shortcutOnStartMenu = 1;
-    info.other.installPkgPath = utf8(QFileInfo(request.outputDir).absoluteFilePath());
+    info.other.installPkgPath = utf8(QFileInfo(request.appImage).fileName());
     info.other.installPkgName = utf8(request.dir.isEmpty() ? request.nameEng : request.dir) + "-" + utf8(request.version);
 
     QFile file(strPath);

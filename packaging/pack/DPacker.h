@@ -1,9 +1,9 @@
 #pragma once
 
+#include "DPackTree.h"
+
 #include <QString>
 #include <QStringList>
-
-struct TPackTreeScan;
 
 /// Everything a packager gives for one package.
 struct TPackRequest
@@ -23,6 +23,9 @@ struct TPackRequest
     QString localDir;
     QString mainExePath;
     QString outputDir;
+    QString appImage;
+    QString updateInformation;
+    QString signKey;
 };
 
 /// Checks a package and writes its payload: soft/mainifest.json, soft/app,
@@ -30,20 +33,37 @@ struct TPackRequest
 class DPacker
 {
 public:
+    /// check(), then write() into request.outputDir.
     bool pack(const TPackRequest& request);
+    /// Every refusal, before anything is written.
+    bool check(const TPackRequest& request);
+    /// Writes the checked package below strOutputDir; a failure leaves nothing there.
+    bool write(const TPackRequest& request, const QString& strOutputDir);
+    /// Takes back what write() put in place: soft/, or the directories it created.
+    void removePayload();
 
     QString getError() const { return strError; }
     QStringList getWarnings() const { return warnings; }
-    int getFilesTotalCount() const { return filesTotalCount; }
+    QStringList getChecksPassed() const { return checksPassed; }
+    int getFilesTotalCount() const { return scan.count(); }
+    int getDirCount() const;
+    qint64 getPayloadBytes() const { return payloadBytes; }
 
 private:
+    /// Notes strCheck among the checks passed when bOk; returns bOk.
+    bool passed(bool bOk, const QString& strCheck);
+    bool checkTree(const QString& strAppTree);
     bool checkOutputDir(const QString& strOutputDir);
     void warnIfNotExecutable(const TPackRequest& request);
-    bool writePayload(const TPackRequest& request, const TPackTreeScan& scan);
+    bool writePayload(const TPackRequest& request);
     bool writeManifest(const TPackRequest& request, const QString& strPath);
     bool copyFile(const QString& strSrc, const QString& strDst);
 
+    TPackTreeScan scan;
     QString strError;
     QStringList warnings;
-    int filesTotalCount = 0;
+    QStringList checksPassed;
+    QString strCreatedDir;
+    QString strSoftDir;
+    qint64 payloadBytes = 0;
 };

@@ -1,5 +1,5 @@
 #include "DPackCommandLine.h"
-#include "DPacker.h"
+#include "DPackRun.h"
 
 #include <QCoreApplication>
 
@@ -10,6 +10,7 @@ namespace {
 void printLine(FILE* stream, const QString& strPrefix, const QString& strText)
 {
     std::fprintf(stream, "tavelin-pack: %s%s\n", strPrefix.toLocal8Bit().constData(), strText.toLocal8Bit().constData());
+    std::fflush(stream);
 }
 
 } // namespace
@@ -24,18 +25,17 @@ int main(int argc, char* argv[])
             return 0;
         }
         printLine(stderr, QStringLiteral("error: "), commandLine.getError());
-        return 2;
+        return commandLine.getErrorStatus();
     }
-    DPacker packer;
-    const bool bPacked = packer.pack(commandLine.getRequest());
-    for (const QString& strWarning : packer.getWarnings())
+    DPackRun run(DPackToolchain::locate(QCoreApplication::applicationDirPath()),
+                 [](const QString& strLine) { printLine(stdout, QString(), strLine); });
+    const bool bDone = run.run(commandLine.getRequest());
+    for (const QString& strWarning : run.getWarnings())
         printLine(stderr, QStringLiteral("warning: "), strWarning);
-    if (!bPacked) {
-        printLine(stderr, QStringLiteral("error: "), packer.getError());
+    if (!bDone) {
+        printLine(stderr, QStringLiteral("error: "), run.getError());
         return 1;
     }
-    printLine(stdout, QString(), QStringLiteral("payload written to %1/soft, %2 entries to install")
-                                     .arg(commandLine.getRequest().outputDir)
-                                     .arg(packer.getFilesTotalCount()));
+    printLine(stdout, QString(), run.summary());
     return 0;
 }
