@@ -1,13 +1,19 @@
 #!/usr/bin/env bash
 # Builds the demo AppImage and checks it the way a user's machine sees it:
-# libappimage and unsquashfs read it, the AppDir runs with the system's Qt
-# hidden, and the whole install, launch and uninstall works on Xvfb as an
-# unprivileged user. Needs root.
+# libappimage and unsquashfs read it, its AppDir runs with the system's Qt
+# hidden; then the installed toolchain packs it again, reproducibly, and the
+# whole install, launch and uninstall works on Xvfb as an unprivileged user.
+# Needs root.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 appimage=$(tools/demo-appimage.sh | tail -n 1)
 cmake --build build -j "$(nproc)" --target tavelin-appimage-inspect tavelin-x-wmstate >/dev/null
 packaging/check-appimage.sh "$appimage" build/packaging/runtime/tavelin-runtime \
     build/packaging/check/tavelin-appimage-inspect
-packaging/check-appdir.sh out/demo.AppDir build/lib/tavelin-gui/tavelin-gui
-packaging/e2e-demo.sh "$appimage" build/packaging/check/tavelin-x-wmstate
+
+# The AppDir as shipped, unpacked from the AppImage.
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+unsquashfs -q -n -o "$("$appimage" --appimage-offset)" -d "$scratch/AppDir" "$appimage" >/dev/null
+packaging/check-appdir.sh "$scratch/AppDir" build/lib/tavelin-gui/tavelin-gui
+packaging/e2e-toolchain.sh build

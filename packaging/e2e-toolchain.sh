@@ -1,0 +1,61 @@
+#!/usr/bin/env bash
+# The installed toolchain end to end: cmake --install into a temporary
+# prefix, the prefix moved, the demo packed from its description file with
+# one setting overridden on the command line, and the AppImage installed as
+# uid 65534 on Xvfb by e2e-demo.sh. A second pack of a fresh copy of the
+# demo, elsewhere and under another umask, must give the same bytes; a pack
+# into a file system too small for the AppImage must leave nothing there.
+# Needs root (setpriv, unshare -m, mount) and what e2e-demo.sh needs.
+#   packaging/e2e-toolchain.sh BUILD_DIR
+set -euo pipefail
+[ $# -eq 1 ] || { echo "usage: e2e-toolchain.sh BUILD_DIR" >&2; exit 2; }
+here=$(cd "$(dirname "$0")" && pwd)
+build=$(readlink -f "$1")
+fail() { echo "e2e-toolchain: FAIL: $*" >&2; exit 1; }
+step() { echo "e2e-toolchain: $*"; }
+[ "$(id -u)" = 0 ] || { echo "e2e-toolchain: must run as root" >&2; exit 1; }
+
+scratch=$(mktemp -d /tmp/tavelin-toolchain.XXXXXX)
+trap 'rm -rf "$scratch"' EXIT
+cmake --install "$build" --prefix "$scratch/prefix" >/dev/null
+mv "$scratch/prefix" "$scratch/moved"
+pack=$scratch/moved/bin/tavelin-pack
+step "toolchain installed, prefix moved to $scratch/moved"
+
+# The description file names ../../out/...; the command line overrides it.
+# Both packs take the default time stamps.
+name=TavelinDemo-x86_64.AppImage
+mkdir "$scratch/one"
+(cd "$scratch/one" && env -u SOURCE_DATE_EPOCH "$pack" --config "$here/../examples/demo/tavelin-pack.json" \
+    --appimage "out/$name") || fail "the pack from the description file failed"
+first=$scratch/one/out/$name
+[ -x "$first" ] || fail "no AppImage at $first: the command line did not override the description file"
+step "packed from the description file into $first"
+
+"$here/e2e-demo.sh" "$first" "$build/packaging/check/tavelin-x-wmstate" || fail "the packed AppImage does not install"
+
+mkdir "$scratch/two"
+(umask 077 && cp -r "$here/../examples/demo" "$scratch/two/demo" && cd "$scratch/two" \
+    && env -u SOURCE_DATE_EPOCH "$pack" --config demo/tavelin-pack.json --appimage "$name" >/dev/null) \
+    || fail "the second pack failed"
+cmp "$first" "$scratch/two/$name" || fail "two packs of the same demo differ"
+step "a second pack of a fresh copy, elsewhere, under umask 077 gives the same $(stat -c %s "$first") bytes"
+
+# The AppImage does not fit in 1 MiB: the pack fails at its last step and
+# takes back the payload it had written there.
+if unshare -m --propagation private true 2>/dev/null; then
+    mkdir "$scratch/full"
+    if unshare -m --propagation private sh -c \
+        'mount -t tmpfs -o size=1m tavelin-full "$1" && "$2" --config "$3" --output "$1/payload" --appimage "$1/$4"
+         status=$?; ls -A "$1" > "$1.left"; exit $status' \
+        sh "$scratch/full" "$pack" "$here/../examples/demo/tavelin-pack.json" "$name" >"$scratch/full.log" 2>&1; then
+        fail "the pack into a full file system succeeded"
+    fi
+    grep -q "tavelin-pack: error: cannot write $scratch/full/$name" "$scratch/full.log" \
+        || fail "no clear message for the full file system: $(cat "$scratch/full.log")"
+    [ ! -s "$scratch/full.left" ] || fail "a failed pack left $(tr '\n' ' ' < "$scratch/full.left")"
+    step "a pack into a full file system fails and leaves nothing there"
+else
+    echo "e2e-toolchain: SKIP: the full file system case needs root and unshare -m" >&2
+fi
+echo "e2e-toolchain: PASS"
