@@ -27,9 +27,11 @@ step "toolchain installed, prefix moved to $scratch/moved"
 name=TavelinDemo-x86_64.AppImage
 mkdir "$scratch/one"
 (cd "$scratch/one" && env -u SOURCE_DATE_EPOCH "$pack" --config "$here/../examples/demo/tavelin-pack.json" \
-    --appimage "out/$name") || fail "the pack from the description file failed"
+    --appimage "out/$name") | tee "$scratch/one.log" || fail "the pack from the description file failed"
 first=$scratch/one/out/$name
 [ -x "$first" ] || fail "no AppImage at $first: the command line did not override the description file"
+grep -q "^tavelin-pack: done: out/$name, .*; installs 4 files and 3 directories; checks passed: " "$scratch/one.log" \
+    || fail "the summary does not tell the demo's 4 files and 3 directories"
 step "packed from the description file into $first"
 
 "$here/e2e-demo.sh" "$first" "$build/packaging/check/tavelin-x-wmstate" || fail "the packed AppImage does not install"
