@@ -196,6 +196,21 @@ mutant pack-loop-not-refused packaging/pack/DPackTree.cpp \
 mutant pack-output-not-checked packaging/pack/DPacker.cpp \
     's/if (dirOutput.exists() \&\& !dirOutput.isEmpty(/if (false \&\& !dirOutput.isEmpty(/' \
     'tst_tavelinpack'
+mutant pack-config-over-command-line packaging/pack/DPackCommandLine.cpp \
+    's/if (parser.isSet(strName))$/if (parser.isSet(strName) \&\& !config.contains(strName))/' \
+    'tst_tavelinpack'
+mutant pack-config-paths-from-cwd packaging/pack/DPackConfig.cpp \
+    's/QFileInfo(strFile).absoluteDir().filePath(strValue)/QDir::current().filePath(strValue)/' \
+    'tst_tavelinpack'
+mutant pack-config-any-type packaging/pack/DPackConfig.cpp \
+    's/if (!it.value().isString())/if (it.value().isNull())/' \
+    'tst_tavelinpack'
+mutant pack-created-dir-left packaging/pack/DPackRun.cpp \
+    's/QDir(strCreatedDir).removeRecursively();/QDir().rmdir(strCreatedDir);/' \
+    'tst_tavelinpack'
+mutant pack-count-files-only packaging/pack/DPacker.cpp \
+    's/info.install.filesTotalCount = scan.count();/info.install.filesTotalCount = scan.count() - getDirCount();/' \
+    'tst_tavelinpack'
 # The runtime
 mutant runtime-offset-off-by-one packaging/runtime/elfend.c \
     's/end = (int64_t)(header.e_shoff + (uint64_t)header.e_shnum \* header.e_shentsize);/end = (int64_t)(header.e_shoff + (uint64_t)header.e_shnum * header.e_shentsize) + 1;/' \
