@@ -24,13 +24,13 @@ mutant model-keys-case-sensitive biz/model/DAppPackModel.cpp \
     'tst_dapppackmodel'
 mutant model-nul-not-cut biz/model/DAppPackModel.cpp \
     's/const QByteArray baJson(strJson.toUtf8().constData(), -1);/const QByteArray baJson(strJson.toUtf8());/' \
-    'tst_dapppackmodel|tst_jsonutil'
+    'tst_dapppackmodel'
 mutant model-section-merged biz/model/DAppPackModel.cpp \
     's/name = bina::jsonval2obj<type>(pairValue);/name.fromJsonString(QString::fromUtf8(QJsonDocument(pairValue.toObject()).toJson()));/' \
     'tst_dapppackmodel'
 mutant jsonutil-empty-file-read biz/util/json/JsonUtil.h \
     's/if (strJson.length() <= 0)/if (strJson.length() < 0)/' \
-    'tst_jsonutil'
+    'tst_dapppackmodel'
 # The JSON conversions
 mutant bina-ll-reads-numbers biz/util/json/binalib.cpp \
     's/return val.toString(QString()).toLongLong(nullptr, 10);/return val.isDouble() ? static_cast<long long>(val.toDouble()) : val.toString(QString()).toLongLong(nullptr, 10);/' \

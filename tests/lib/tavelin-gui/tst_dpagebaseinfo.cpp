@@ -40,148 +40,138 @@ class tst_DPageBaseInfo : public QObject
     Q_OBJECT
 
 private slots:
-    void init();
-    void labels_data();
-    void labels();
-    void icon_data();
-    void icon();
-    void defaultLocation_data();
-    void defaultLocation();
-    void progressRow();
+    // The configuration is one per process: every case starts from an empty record.
+    void init()
+    {
+        wizard.reset();
+        packInfo() = TAppPackInfo();
+        DTavelinGuiConfig::getInstance().setEnvAppDir(appDir.path());
+    }
+
+    void buildWizard()
+    {
+        wizard = std::make_unique<MainWindow>();
+        wizard->init();
+    }
+
+    void labels_data()
+    {
+        QTest::addColumn<QString>("base");
+        QTest::addColumn<QStringList>("expected");
+        QTest::newRow("every value stands alone")
+            << R"({"nameChs":"演示程序","nameEng":"Demo","version":"2.3.4","publisher":"ACME",)"
+               R"("website":"https://example.org","author":"Li Lei","email":"a@example.org"})"
+            << QStringList{"演示程序", "Demo", "2.3.4", "ACME", "https://example.org", "Li Lei", "a@example.org"};
+        QTest::newRow("missing values: fixed texts, names empty")
+            << "{}" << QStringList{"", "", "1.0.0", "发行商：未知", "网址：未知", "开发者：未知", "E-mail：未知"};
+    }
+
+    void labels()
+    {
+        QFETCH(QString, base);
+        packInfo().base.fromJsonString(base);
+        buildWizard();
+        QStringList shown;
+        for (const char* name : {"labelAppNameChs", "labelAppNameEng", "labelAppVersion", "labelAppPublisher",
+                                 "labelAppWebsite", "labelAppAuthor", "labelAppEmail"})
+            shown << child<QLabel>(name)->text();
+        QTEST(shown, "expected");
+    }
+
+    void icon_data()
+    {
+        QTest::addColumn<QString>("appIcon");
+        QTest::addColumn<QByteArray>("content"); // written to soft/images/<appIcon> when not empty
+        QTest::addColumn<bool>("fromPayload");
+
+        const QByteArray baPng = pngOf(QSize(16, 16), QColor(10, 200, 30));
+        QTest::newRow("icon from the payload") << "app.png" << baPng << true;
+        QTest::newRow("icon named without extension") << "app" << baPng << true;
+        QTest::newRow("not square: stretched over the box") << "wide.png" << pngOf(QSize(40, 10), QColor(200, 20, 90)) << true;
+        QTest::newRow("icon missing") << "gone.png" << QByteArray() << false;
+        QTest::newRow("file is no image") << "text.png" << QByteArray("not a picture\n") << false;
+        QTest::newRow("appIcon empty") << "" << QByteArray() << false;
+    }
+
+    void icon()
+    {
+        QFETCH(QString, appIcon);
+        QFETCH(QByteArray, content);
+        QFETCH(bool, fromPayload);
+        const QString strIcon = appDir.path() + "/soft/images/" + appIcon;
+        if (!content.isEmpty())
+            QVERIFY(TestSupport::writeFile(strIcon, content));
+        packInfo().install.appIcon = appIcon.toStdString();
+
+        buildWizard();
+        auto* labelAppIcon = child<QLabel>("labelAppIcon");
+        const QImage expected = asArgb(QPixmap(fromPayload ? strIcon : ":/tavelin/images/none_app_icon.png"));
+        QVERIFY(!expected.isNull());
+        QCOMPARE(asArgb(labelAppIcon->pixmap(Qt::ReturnByValue)), expected);
+        QCOMPARE(labelAppIcon->size(), QSize(128, 128));
+        // Stretched, not letterboxed: the top and bottom edges carry the one-coloured image too.
+        const QImage painted = labelAppIcon->grab().toImage();
+        if (fromPayload)
+            QVERIFY(painted.pixelColor(64, 1) == expected.pixelColor(0, 0) && painted.pixelColor(64, 126) == expected.pixelColor(0, 0));
+    }
+
+    void defaultLocation_data()
+    {
+        QTest::addColumn<QString>("parent");
+        QTest::addColumn<QString>("dir");
+        QTest::addColumn<QString>("nameEng");
+        QTest::addColumn<QString>("expected");
+
+        QTest::newRow("no trailing slash") << "/usr/local" << "demo" << "N" << "/usr/local/demo";
+        QTest::newRow("several trailing slashes") << "/usr/local///" << "demo" << "N" << "/usr/local/demo";
+        QTest::newRow("parent of slashes alone") << "///" << "demo" << "N" << "/demo";
+        QTest::newRow("dir with a leading slash stays") << "/opt" << "/demo" << "N" << "/opt//demo";
+        QTest::newRow("dir with a trailing slash stays") << "/opt/" << "demo/" << "N" << "/opt/demo/";
+        QTest::newRow("parent empty") << "" << "demo" << "N" << "/opt/demo";
+        QTest::newRow("dir empty: the English name") << "/srv" << "" << "NameEng" << "/srv/NameEng";
+        QTest::newRow("relative parent") << "apps/" << "demo" << "N" << "apps/demo";
+        QTest::newRow("no manifest at all") << "" << "" << "" << "/opt/";
+    }
+
+    void defaultLocation()
+    {
+        QFETCH(QString, parent);
+        QFETCH(QString, dir);
+        QFETCH(QString, nameEng);
+        packInfo().install.defaultParentDir = parent.toStdString();
+        packInfo().install.dir = dir.toStdString();
+        packInfo().base.nameEng = nameEng.toStdString();
+        packInfo().base.nameChs = "演示";
+        buildWizard();
+        QTEST(child<QLineEdit>("editInstallDir")->text(), "expected");
+    }
+
+    void progressRow()
+    {
+        buildWizard();
+        auto* page = wizard->findChild<DPageBaseInfo*>();
+        auto* label = child<QLabel>("labelProgressBarInstall");
+        auto* bar = child<QProgressBar>("progressBarInstall");
+        QVERIFY(label->isHidden() && bar->isHidden());
+        QCOMPARE(bar->maximum(), 100);
+        page->updateInstallProgress(true, 42, "正在安装");
+        QVERIFY(!label->isHidden() && !bar->isHidden());
+        QCOMPARE(label->text(), QString("正在安装"));
+        QCOMPARE(bar->value(), 42);
+        // Hiding leaves text and value as they were.
+        page->updateInstallProgress(false, 7, "ignored");
+        QVERIFY(label->isHidden() && bar->isHidden());
+        QCOMPARE(label->text(), QString("正在安装"));
+        QCOMPARE(bar->value(), 42);
+    }
 
 private:
     template <typename T>
     T* child(const char* name) const { return wizard->findChild<T*>(QLatin1String(name)); }
-    void buildWizard();
 
     QTemporaryDir appDir;
     std::unique_ptr<MainWindow> wizard;
 };
-
-// The configuration is one per process: every case starts from an empty record.
-void tst_DPageBaseInfo::init()
-{
-    wizard.reset();
-    packInfo() = TAppPackInfo();
-    DTavelinGuiConfig::getInstance().setEnvAppDir(appDir.path());
-}
-
-void tst_DPageBaseInfo::buildWizard()
-{
-    wizard = std::make_unique<MainWindow>();
-    wizard->init();
-}
-
-void tst_DPageBaseInfo::labels_data()
-{
-    QTest::addColumn<QString>("base");
-    QTest::addColumn<QStringList>("expected");
-    QTest::newRow("every value stands alone")
-        << R"({"nameChs":"演示程序","nameEng":"Demo","version":"2.3.4","publisher":"ACME",)"
-           R"("website":"https://example.org","author":"Li Lei","email":"a@example.org"})"
-        << QStringList{"演示程序", "Demo", "2.3.4", "ACME", "https://example.org", "Li Lei", "a@example.org"};
-    QTest::newRow("missing values: fixed texts, names empty")
-        << "{}" << QStringList{"", "", "1.0.0", "发行商：未知", "网址：未知", "开发者：未知", "E-mail：未知"};
-}
-
-void tst_DPageBaseInfo::labels()
-{
-    QFETCH(QString, base);
-    packInfo().base.fromJsonString(base);
-    buildWizard();
-    QStringList shown;
-    for (const char* name : {"labelAppNameChs", "labelAppNameEng", "labelAppVersion", "labelAppPublisher",
-                             "labelAppWebsite", "labelAppAuthor", "labelAppEmail"})
-        shown << child<QLabel>(name)->text();
-    QTEST(shown, "expected");
-}
-
-void tst_DPageBaseInfo::icon_data()
-{
-    QTest::addColumn<QString>("appIcon");
-    QTest::addColumn<QByteArray>("content"); // written to soft/images/<appIcon> when not empty
-    QTest::addColumn<bool>("fromPayload");
-
-    const QByteArray baPng = pngOf(QSize(16, 16), QColor(10, 200, 30));
-    QTest::newRow("icon from the payload") << "app.png" << baPng << true;
-    QTest::newRow("icon named without extension") << "app" << baPng << true;
-    QTest::newRow("not square: stretched over the box") << "wide.png" << pngOf(QSize(40, 10), QColor(200, 20, 90)) << true;
-    QTest::newRow("icon missing") << "gone.png" << QByteArray() << false;
-    QTest::newRow("file is no image") << "text.png" << QByteArray("not a picture\n") << false;
-    QTest::newRow("appIcon empty") << "" << QByteArray() << false;
-}
-
-void tst_DPageBaseInfo::icon()
-{
-    QFETCH(QString, appIcon);
-    QFETCH(QByteArray, content);
-    QFETCH(bool, fromPayload);
-    const QString strIcon = appDir.path() + "/soft/images/" + appIcon;
-    if (!content.isEmpty())
-        QVERIFY(TestSupport::writeFile(strIcon, content));
-    packInfo().install.appIcon = appIcon.toStdString();
-
-    buildWizard();
-    auto* labelAppIcon = child<QLabel>("labelAppIcon");
-    const QImage expected = asArgb(QPixmap(fromPayload ? strIcon : ":/tavelin/images/none_app_icon.png"));
-    QVERIFY(!expected.isNull());
-    QCOMPARE(asArgb(labelAppIcon->pixmap(Qt::ReturnByValue)), expected);
-    QCOMPARE(labelAppIcon->size(), QSize(128, 128));
-    // Stretched, not letterboxed: the top and bottom edges carry the one-coloured image too.
-    const QImage painted = labelAppIcon->grab().toImage();
-    if (fromPayload)
-        QVERIFY(painted.pixelColor(64, 1) == expected.pixelColor(0, 0) && painted.pixelColor(64, 126) == expected.pixelColor(0, 0));
-}
-
-void tst_DPageBaseInfo::defaultLocation_data()
-{
-    QTest::addColumn<QString>("parent");
-    QTest::addColumn<QString>("dir");
-    QTest::addColumn<QString>("nameEng");
-    QTest::addColumn<QString>("expected");
-
-    QTest::newRow("no trailing slash") << "/usr/local" << "demo" << "N" << "/usr/local/demo";
-    QTest::newRow("several trailing slashes") << "/usr/local///" << "demo" << "N" << "/usr/local/demo";
-    QTest::newRow("parent of slashes alone") << "///" << "demo" << "N" << "/demo";
-    QTest::newRow("dir with a leading slash stays") << "/opt" << "/demo" << "N" << "/opt//demo";
-    QTest::newRow("dir with a trailing slash stays") << "/opt/" << "demo/" << "N" << "/opt/demo/";
-    QTest::newRow("parent empty") << "" << "demo" << "N" << "/opt/demo";
-    QTest::newRow("dir empty: the English name") << "/srv" << "" << "NameEng" << "/srv/NameEng";
-    QTest::newRow("relative parent") << "apps/" << "demo" << "N" << "apps/demo";
-    QTest::newRow("no manifest at all") << "" << "" << "" << "/opt/";
-}
-
-void tst_DPageBaseInfo::defaultLocation()
-{
-    QFETCH(QString, parent);
-    QFETCH(QString, dir);
-    QFETCH(QString, nameEng);
-    packInfo().install.defaultParentDir = parent.toStdString();
-    packInfo().install.dir = dir.toStdString();
-    packInfo().base.nameEng = nameEng.toStdString();
-    packInfo().base.nameChs = "演示";
-    buildWizard();
-    QTEST(child<QLineEdit>("editInstallDir")->text(), "expected");
-}
-
-void tst_DPageBaseInfo::progressRow()
-{
-    buildWizard();
-    auto* page = wizard->findChild<DPageBaseInfo*>();
-    auto* label = child<QLabel>("labelProgressBarInstall");
-    auto* bar = child<QProgressBar>("progressBarInstall");
-    QVERIFY(label->isHidden() && bar->isHidden());
-    QCOMPARE(bar->maximum(), 100);
-    page->updateInstallProgress(true, 42, "正在安装");
-    QVERIFY(!label->isHidden() && !bar->isHidden());
-    QCOMPARE(label->text(), QString("正在安装"));
-    QCOMPARE(bar->value(), 42);
-    // Hiding leaves text and value as they were.
-    page->updateInstallProgress(false, 7, "ignored");
-    QVERIFY(label->isHidden() && bar->isHidden());
-    QCOMPARE(label->text(), QString("正在安装"));
-    QCOMPARE(bar->value(), 42);
-}
 
 QTEST_MAIN(tst_DPageBaseInfo)
 #include "tst_dpagebaseinfo.moc"
