@@ -1,62 +1,45 @@
 /* The AppImage runtime: runs AppRun from the squashfs image appended to this
- * very file, mounted with squashfuse where FUSE is usable, otherwise
- * extracted into a private temporary directory that goes when AppRun ends. */
-#define _GNU_SOURCE
-#include "elfend.h"
+ * very file, served through FUSE by this process where FUSE is usable,
+ * otherwise extracted into a private temporary directory. Either goes when
+ * AppRun ends. */
 #include "extract.h"
+#include "image.h"
+#include "launch.h"
+#include "mount.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <ftw.h>
 #include <limits.h>
-#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-static pid_t g_child = -1;
+#ifndef TAVELIN_RUNTIME_VERSION
+#define TAVELIN_RUNTIME_VERSION "unknown"
+#endif
 
-static void usage(const char* argv0)
+static const char g_prefix[] = "--appimage-";
+
+static int usage(const char* argv0)
 {
     printf("Usage: %s [ARGUMENTS...]\n"
-           "Runs the program inside this AppImage with ARGUMENTS.\n\n"
-           "  --appimage-extract  write the contents into ./squashfs-root\n"
-           "  --appimage-offset   print where the squashfs image begins\n"
-           "  --appimage-help     show this help\n",
+           "Runs the program inside this AppImage with ARGUMENTS. Only the first argument\n"
+           "is looked at, and only when it begins with --appimage-:\n\n"
+           "  --appimage-extract [PATTERN]  write the contents, or the paths matching the\n"
+           "                                shell pattern PATTERN, into ./squashfs-root\n"
+           "  --appimage-extract-and-run    extract into a temporary directory, run, remove\n"
+           "  --appimage-mount              mount, print where, wait for Ctrl+C\n"
+           "  --appimage-offset             print where the squashfs image begins\n"
+           "  --appimage-updateinformation  print the update information\n"
+           "  --appimage-signature          print the image's signature\n"
+           "  --appimage-version            print the runtime's version\n"
+           "  --appimage-help               show this help\n\n"
+           "APPIMAGE_EXTRACT_AND_RUN=1 always extracts; TARGET_APPIMAGE=FILE works on\n"
+           "the image in FILE instead of this one.\n",
            argv0);
-}
-
-static int find_in_path(const char* name, char* found, size_t size)
-{
-    const char* path = getenv("PATH");
-    if (!path || !*path)
-        path = "/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin";
-    for (const char* dir = path; *dir;) {
-        size_t length = strcspn(dir, ":");
-        snprintf(found, size, "%.*s/%s", (int)length, dir, name);
-        if (length > 0 && access(found, X_OK) == 0)
-            return 0;
-        dir += length + (dir[length] == ':');
-    }
-    return -1;
-}
-
-static int run_and_wait(char* const argv[])
-{
-    pid_t pid = fork();
-    if (pid < 0)
-        return -1;
-    if (pid == 0) {
-        execv(argv[0], argv);
-        _exit(127);
-    }
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return 0;
 }
 
 static int make_private_dir(char* dir, size_t size, const char* prefix)
@@ -66,28 +49,10 @@ static int make_private_dir(char* dir, size_t size, const char* prefix)
     if (mkdtemp(dir))
         return 0;
     snprintf(dir, size, "/tmp/%sXXXXXX", prefix);
-    return mkdtemp(dir) ? 0 : -1;
-}
-
-/* FUSE needs the device, the setuid helper to unmount, and squashfuse. */
-static int can_mount(char* squashfuse, char* fusermount, size_t size)
-{
-    if (getenv("TAVELIN_APPIMAGE_EXTRACT_AND_RUN") || access("/dev/fuse", R_OK | W_OK) != 0)
+    if (mkdtemp(dir))
         return 0;
-    return find_in_path("squashfuse", squashfuse, size) == 0
-           && (find_in_path("fusermount", fusermount, size) == 0 || find_in_path("fusermount3", fusermount, size) == 0);
-}
-
-static int mount_image(const char* self, int64_t offset, const char* squashfuse, const char* dir)
-{
-    char option[64];
-    snprintf(option, sizeof option, "offset=%lld", (long long)offset);
-    char* argv[] = {(char*)squashfuse, "-o", option, (char*)self, (char*)dir, NULL};
-    if (run_and_wait(argv) != 0)
-        return -1;
-    char apprun[PATH_MAX];
-    snprintf(apprun, sizeof apprun, "%s/AppRun", dir);
-    return access(apprun, X_OK);
+    fprintf(stderr, "tavelin-runtime: cannot create a temporary directory: %s\n", strerror(errno));
+    return -1;
 }
 
 static int remove_entry(const char* path, const struct stat* status, int flag, struct FTW* ftw)
@@ -96,126 +61,161 @@ static int remove_entry(const char* path, const struct stat* status, int flag, s
     return remove(path);
 }
 
-static void forward_signal(int signal)
+static void remove_tree(const char* dir)
 {
-    if (g_child > 0)
-        kill(g_child, signal);
+    nftw(dir, remove_entry, 16, FTW_DEPTH | FTW_PHYS | FTW_MOUNT);
 }
 
-static int run_apprun(const char* dir, int argc, char* argv[])
+static void set_environment(const char* dir, const struct image* image, const char* argv0)
 {
-    char apprun[PATH_MAX];
-    snprintf(apprun, sizeof apprun, "%s/AppRun", dir);
-    char** childArgv = calloc((size_t)argc + 1, sizeof *childArgv);
-    if (!childArgv)
-        return 1;
-    childArgv[0] = apprun;
-    for (int i = 1; i < argc; ++i)
-        childArgv[i] = argv[i];
-    struct sigaction action = {.sa_handler = forward_signal};
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGINT, &action, NULL);
-    sigaction(SIGTERM, &action, NULL);
-    sigaction(SIGHUP, &action, NULL);
-    g_child = fork();
-    if (g_child == 0) {
-        execv(apprun, childArgv);
-        fprintf(stderr, "tavelin-runtime: cannot start %s: %s\n", apprun, strerror(errno));
-        _exit(127);
-    }
-    free(childArgv);
-    if (g_child < 0) {
-        fprintf(stderr, "tavelin-runtime: cannot start %s: %s\n", apprun, strerror(errno));
-        return 1;
-    }
-    int status = 0;
-    while (waitpid(g_child, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-static void set_environment(const char* dir, const char* self, const char* argv0)
-{
-    char owd[PATH_MAX];
+    char owd[PATH_MAX], path[PATH_MAX];
     setenv("APPDIR", dir, 1);
-    setenv("APPIMAGE", self, 1);
+    setenv("APPIMAGE", realpath(image->path, path) ? path : image->path, 1);
     setenv("ARGV0", argv0, 1);
     if (getcwd(owd, sizeof owd))
         setenv("OWD", owd, 1);
 }
 
-static int extract_here(const char* self, int64_t offset)
+static int run_apprun(const char* dir, char** args, struct mount* mount)
 {
-    const char* target = "squashfs-root";
-    if (mkdir(target, 0755) != 0 && errno != EEXIST) {
-        fprintf(stderr, "tavelin-runtime: cannot create %s: %s\n", target, strerror(errno));
+    char apprun[PATH_MAX];
+    snprintf(apprun, sizeof apprun, "%s/AppRun", dir);
+    size_t count = 0;
+    while (args[count])
+        ++count;
+    char** argv = calloc(count + 2, sizeof *argv);
+    if (!argv)
         return 1;
-    }
-    if (extract_squashfs(self, offset, target) != 0)
-        return 1;
-    printf("%s\n", target);
-    return 0;
+    argv[0] = apprun;
+    memcpy(argv + 1, args, count * sizeof *argv);
+    int child = launch_start(argv);
+    free(argv);
+    return child < 0 ? 1 : launch_wait(child, mount);
 }
 
-static int run(const char* self, int64_t offset, int argc, char* argv[])
+/* Mounts where FUSE allows, extracts otherwise, and always cleans up after AppRun. */
+static int run(const struct image* image, char* argv0, char** args, int extract)
 {
-    char squashfuse[PATH_MAX], fusermount[PATH_MAX], dir[PATH_MAX];
-    int mounted = can_mount(squashfuse, fusermount, sizeof squashfuse);
-    if (make_private_dir(dir, sizeof dir, mounted ? ".mount_tavelin" : ".tavelin-appimage-") != 0) {
-        fprintf(stderr, "tavelin-runtime: cannot create a temporary directory: %s\n", strerror(errno));
+    sqfs fs;
+    char dir[PATH_MAX], why[256];
+    struct mount* mount = NULL;
+    if (image_open_squashfs(image, &fs, "AppRun") != 0)
+        return 1;
+    sqfs_destroy(&fs);
+    launch_hold_signals();
+    if (!extract && make_private_dir(dir, sizeof dir, ".mount_tavelin") == 0) {
+        mount = mount_open(image, dir, why, sizeof why);
+        if (!mount) {
+            rmdir(dir);
+            fprintf(stderr, "tavelin-runtime: cannot mount the image (%s), extracting it instead\n", why);
+        }
+    }
+    if (!mount && make_private_dir(dir, sizeof dir, ".tavelin-appimage-") != 0)
+        return 1;
+    if (!mount && extract_image(image, dir, NULL) != 0) {
+        remove_tree(dir);
         return 1;
     }
-    if (mounted && mount_image(self, offset, squashfuse, dir) != 0) {
-        char* unmount[] = {fusermount, "-u", "-q", dir, NULL};
-        run_and_wait(unmount);
-        fprintf(stderr, "tavelin-runtime: mounting with %s failed, extracting instead\n", squashfuse);
-        mounted = 0;
-    }
-    if (!mounted && extract_squashfs(self, offset, dir) != 0) {
-        nftw(dir, remove_entry, 16, FTW_DEPTH | FTW_PHYS);
-        fprintf(stderr, "tavelin-runtime: cannot unpack %s, nothing was started\n", self);
-        return 1;
-    }
-    set_environment(dir, self, argv[0]);
-    int status = run_apprun(dir, argc, argv);
-    if (mounted) {
-        char* unmount[] = {fusermount, "-u", "-z", dir, NULL};
-        run_and_wait(unmount);
+    set_environment(dir, image, argv0);
+    int status = run_apprun(dir, args, mount);
+    if (mount) {
+        mount_close(mount);
         rmdir(dir);
     } else {
-        nftw(dir, remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+        remove_tree(dir);
     }
     return status;
 }
 
-int main(int argc, char* argv[])
+static int mount_and_wait(const struct image* image)
 {
-    char self[PATH_MAX];
-    ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+    sqfs fs;
+    char dir[PATH_MAX], why[256];
+    if (image_open_squashfs(image, &fs, NULL) != 0)
+        return 1;
+    sqfs_destroy(&fs);
+    launch_hold_signals();
+    if (make_private_dir(dir, sizeof dir, ".mount_tavelin") != 0)
+        return 1;
+    struct mount* mount = mount_open(image, dir, why, sizeof why);
+    if (!mount) {
+        rmdir(dir);
+        fprintf(stderr, "tavelin-runtime: cannot mount the image: %s\n", why);
+        return 1;
+    }
+    printf("%s\n", dir);
+    fflush(stdout);
+    launch_wait(-1, mount);
+    mount_close(mount);
+    rmdir(dir);
+    return 0;
+}
+
+static int extract_here(const struct image* image, const char* pattern)
+{
+    if (extract_image(image, "squashfs-root", pattern) != 0)
+        return 1;
+    printf("squashfs-root\n");
+    return 0;
+}
+
+static const char* const g_options[] = {"extract", "extract-and-run", "mount", "offset", "updateinformation",
+                                        "signature", "version", "help", NULL};
+
+/* The option's word after --appimage-, or NULL after saying it is unknown. */
+static const char* known_option(const char* word)
+{
+    for (int i = 0; g_options[i]; ++i) {
+        if (strcmp(word + sizeof g_prefix - 1, g_options[i]) == 0)
+            return g_options[i];
+    }
+    fprintf(stderr, "tavelin-runtime: unknown option %s (see --appimage-help)\n", word);
+    return NULL;
+}
+
+/* The image is TARGET_APPIMAGE's file where set, else this very file. */
+static const char* image_path(char* self, size_t size)
+{
+    const char* target = getenv("TARGET_APPIMAGE");
+    if (target && *target)
+        return target;
+    ssize_t length = readlink("/proc/self/exe", self, size - 1);
     if (length <= 0) {
         fprintf(stderr, "tavelin-runtime: cannot find this file through /proc/self/exe: %s\n", strerror(errno));
-        return 1;
+        return NULL;
     }
     self[length] = '\0';
-    int64_t offset = elf_end_of_file(self);
-    if (offset <= 0) {
-        fprintf(stderr, "tavelin-runtime: %s is not a readable ELF file\n", self);
+    return self;
+}
+
+static int on(const char* env)
+{
+    const char* value = getenv(env);
+    return value && *value && strcmp(value, "0") != 0;
+}
+
+int main(int argc, char* argv[])
+{
+    const char* option = argc > 1 && strncmp(argv[1], g_prefix, sizeof g_prefix - 1) == 0 ? known_option(argv[1]) : "";
+    if (!option)
         return 1;
-    }
-    const char* option = argc > 1 ? argv[1] : "";
-    if (strcmp(option, "--appimage-offset") == 0) {
-        printf("%lld\n", (long long)offset);
-        return 0;
-    }
-    if (strcmp(option, "--appimage-help") == 0) {
-        usage(argv[0]);
-        return 0;
-    }
-    if (strcmp(option, "--appimage-extract") == 0)
-        return extract_here(self, offset);
-    if (strncmp(option, "--appimage-", 11) == 0) {
-        fprintf(stderr, "tavelin-runtime: unknown option %s (see --appimage-help)\n", option);
+    if (strcmp(option, "help") == 0)
+        return usage(argv[0]);
+    if (strcmp(option, "version") == 0)
+        return printf("tavelin-runtime %s\n", TAVELIN_RUNTIME_VERSION) < 0;
+    char self[PATH_MAX];
+    const char* path = image_path(self, sizeof self);
+    struct image image;
+    if (!path || image_open(&image, path) != 0)
         return 1;
-    }
-    return run(self, offset, argc, argv);
+    if (strcmp(option, "offset") == 0)
+        return printf("%lld\n", (long long)image.offset) < 0;
+    if (strcmp(option, "updateinformation") == 0 || strcmp(option, "signature") == 0)
+        return image_print_section(&image, *option == 'u' ? ".upd_info" : ".sha256_sig") != 0;
+    if (strcmp(option, "extract") == 0)
+        return extract_here(&image, argc > 2 ? argv[2] : NULL);
+    if (strcmp(option, "mount") == 0)
+        return mount_and_wait(&image);
+    int extract = *option || on("APPIMAGE_EXTRACT_AND_RUN") || on("TAVELIN_APPIMAGE_EXTRACT_AND_RUN");
+    return run(&image, argv[0], argv + 1 + (*option != 0), extract);
 }
