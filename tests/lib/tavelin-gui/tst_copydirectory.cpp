@@ -3,8 +3,6 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
-#include <thread>
-
 #include <sys/stat.h>
 
 using namespace TestSupport;
@@ -107,41 +105,6 @@ private slots:
             if (QFileInfo(dst() + "/" + strEntry).isFile() && QFileInfo(src() + "/" + strEntry).isFile())
                 QCOMPARE(readFile(dst() + "/" + strEntry), readFile(src() + "/" + strEntry));
         }
-    }
-
-    // A FIFO link holds the copy inside one entry, past its test of the state.
-    void cancelDuringCopy_data()
-    {
-        QTest::addColumn<QStringList>("source");
-        QTest::addColumn<QString>("gateAt");
-        QTest::addColumn<bool>("result");
-        QTest::addColumn<QStringList>("expected");
-        QTest::newRow("in the middle: the next entry stops it") << QStringList{"a", "b", "x", "y/", "y/z"} << "m" << false
-                                                                << QStringList{"a", "b", "m"};
-        QTest::newRow("after the last entry passed its test: the copy completes") << QStringList{"a", "b/", "b/c"} << "z" << true
-                                                                                  << QStringList{"a", "b/", "b/c", "z"};
-        QTest::newRow("last entry of a subdirectory: seen at the parent's next entry") << QStringList{"a", "d/", "d/c", "e"} << "d/z"
-                                                                                       << false << QStringList{"a", "d/", "d/c", "d/z"};
-    }
-
-    void cancelDuringCopy()
-    {
-        QFETCH(QStringList, source);
-        QFETCH(QString, gateAt);
-        QVERIFY(makeTree(src(), source << gateAt + "->" + tmpDir.path() + "/gate"));
-        DFifoGate gate(tmpDir.path() + "/gate");
-        window.setState(MainWindow::installing);
-        bool bResult = false;
-
-        std::thread worker([&] { bResult = window.copyDirectory(src(), dst(), true, counter); });
-        const bool bReached = gate.waitForReader();
-        window.onclickCancel();
-        gate.releaseReader();
-        worker.join();
-        QVERIFY(bReached);
-        QCOMPARE(window.installState(), MainWindow::cancel);
-        QTEST(bResult, "result");
-        QTEST(treeOf(dst()), "expected");
     }
 
 private:

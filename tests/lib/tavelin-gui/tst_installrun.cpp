@@ -137,43 +137,16 @@ private slots:
             QCOMPARE(window->findChild<QProgressBar*>("progressBarInstall")->value(), barValue);
     }
 
-    void runInProgressThenDone()
-    {
-        const QString strLocation = tmpDir.path() + "/new/deep/probe";
-        startRun(strLocation);
-        QCOMPARE(window->createButton()->text(), QString("正在安装：1%"));
-        QVERIFY(!window->createButton()->isEnabled());
-        QVERIFY(window->findChild<QPushButton*>("btnSelInstallDir")->isHidden());
-        QVERIFY(!window->findChild<QLineEdit*>("editInstallDir")->isEnabled());
-        QCOMPARE(label(), QString("正在安装"));
-        QVERIFY(window->timerActive());
-        QVERIFY(!DTavelinGuiConfig::getInstance().getFlagOfOverrideTargetDir());
-
-        QTRY_COMPARE_WITH_TIMEOUT(window->createButton()->text(), QString("安装完成"), 30000);
-        QCOMPARE(window->cancelButton()->text(), QString("关闭"));
-        QCOMPARE(window->counter(), 4);
-        QCOMPARE(readFile(entryPath()), "[Desktop Entry]\nName=Probe\nExec=" + strLocation.toUtf8() + "/bin/probe %U\n");
-        QVERIFY(readFile(strLocation + "/uninstall.sh").contains("rm -f \"" + entryPath().toUtf8() + "\""));
-
-        // One run per window: the button stays off, through show events too, and a press starts nothing.
-        window->hide();
-        window->show();
-        QVERIFY(!window->createButton()->isEnabled());
-        QVERIFY(QFile::remove(strLocation + "/a"));
-        window->onclickCreate();
-        QVERIFY(!QFileInfo::exists(strLocation + "/a"));
-        window->cancelButton()->click();
-        QVERIFY(!window->isVisible());
-    }
-
     void runEnds_data()
     {
         QTest::addColumn<QString>("setup");
         QTest::addColumn<QString>("endText");
         QTest::addColumn<int>("counter");
         QTest::addColumn<QStringList>("tree");
-        QTest::newRow("into an existing tree: files replaced, its script kept")
-            << "existing" << "安装完成" << 3 << QStringList{"a", "b/", "b/c", "d", "uninstall.sh"};
+        const QStringList full{"a", "b/", "b/c", "d", "uninstall.sh"};
+        QTest::newRow("new location, its parents made") << "new" << "安装完成" << 4 << full;
+        QTest::newRow("relative location: one tree from any directory") << "relative" << "安装完成" << 4 << full;
+        QTest::newRow("into an existing tree: files replaced, its script kept") << "existing" << "安装完成" << 3 << full;
         QTest::newRow("empty tree") << "empty" << "安装完成" << 0 << QStringList{"uninstall.sh"};
         QTest::newRow("missing tree") << "missing" << "安装完成" << 0 << QStringList{"uninstall.sh"};
         QTest::newRow("applications directory cannot be made") << "mkpath" << "安装失败" << 0 << QStringList();
@@ -187,7 +160,14 @@ private slots:
         QFETCH(QString, setup);
         QFETCH(QString, endText);
         const QString strApp = tmpDir.path() + "/payload/soft/app";
-        if (setup == "existing") {
+        const QString strCwd = QDir::currentPath();
+        QString strLocation = location();
+        if (setup == "new") {
+            strLocation = tmpDir.path() + "/new/deep/probe";
+        } else if (setup == "relative") {
+            strLocation = tmpDir.path() + "/cwd/rel/probe";
+            QVERIFY(QDir().mkpath(tmpDir.path() + "/cwd") && QDir::setCurrent(tmpDir.path() + "/cwd"));
+        } else if (setup == "existing") {
             QVERIFY(writeFile(location() + "/a", "old") && writeFile(location() + "/b/c", "old"));
             QVERIFY(writeFile(location() + "/uninstall.sh", "earlier"));
         } else if (setup == "empty" || setup == "missing") {
@@ -205,34 +185,37 @@ private slots:
         } else {
             QVERIFY(writeFile(location() + "/d/in", "x"));
         }
-        startRun(location());
+        startRun(setup == "relative" ? "rel/probe" : strLocation);
+        QVERIFY(QDir::setCurrent(strCwd));
+        QCOMPARE(window->createButton()->text(), QString("正在安装：1%"));
+        QVERIFY(!window->createButton()->isEnabled() && !window->findChild<QLineEdit*>("editInstallDir")->isEnabled());
+        QVERIFY(window->findChild<QPushButton*>("btnSelInstallDir")->isHidden());
+        QCOMPARE(label(), QString("正在安装"));
+        QVERIFY(window->timerActive());
+        QCOMPARE(DTavelinGuiConfig::getInstance().getFlagOfOverrideTargetDir(), setup == "existing" || setup == "remove");
 
         QTRY_COMPARE_WITH_TIMEOUT(window->createButton()->text(), endText, 30000);
         QCOMPARE(label(), endText);
         QCOMPARE(window->cancelButton()->text(), QString("关闭"));
         QTEST(window->counter(), "counter");
-        QTEST(finalTree(location()), "tree");
+        // One run per window: the button stays off through show events, and a press starts nothing.
+        window->hide();
+        window->show();
+        QVERIFY(!window->createButton()->isEnabled());
+        window->onclickCreate();
+        QVERIFY(window->installState() != MainWindow::installing);
+        window->cancelButton()->click();
+        QVERIFY(!window->isVisible());
+        QTEST(finalTree(strLocation), "tree");
         if (setup == "existing") {
             QCOMPARE(readFile(location() + "/a"), QByteArray("a"));
             QCOMPARE(readFile(location() + "/uninstall.sh"), QByteArray("earlier"));
+        } else if (endText == "安装完成") {
+            QCOMPARE(readFile(entryPath()), "[Desktop Entry]\nName=Probe\nExec=" + strLocation.toUtf8() + "/bin/probe %U\n");
+            QVERIFY(runUninstallScript("sh", strLocation + "/uninstall.sh", "y\n", tmpDir.path()).bFinished);
+            QVERIFY(!QFileInfo::exists(strLocation) && QFileInfo::exists(QFileInfo(strLocation).path()));
+            QVERIFY(!QFileInfo::exists(entryPath()));
         }
-    }
-
-    // The copy, the entry and the script name one tree, from any directory.
-    void relativeLocation()
-    {
-        const QString strSaved = QDir::currentPath();
-        QVERIFY(QDir().mkpath(tmpDir.path() + "/cwd") && QDir::setCurrent(tmpDir.path() + "/cwd"));
-        startRun("rel/probe");
-        QVERIFY(QDir::setCurrent(strSaved));
-        QTRY_COMPARE_WITH_TIMEOUT(window->installState(), MainWindow::installed, 30000);
-
-        const QString strTree = tmpDir.path() + "/cwd/rel/probe";
-        QCOMPARE(treeOf(strTree), QStringList({"a", "b/", "b/c", "d", "uninstall.sh"}));
-        QVERIFY(readFile(entryPath()).contains("Exec=" + strTree.toUtf8() + "/bin/probe %U"));
-        QVERIFY(runUninstallScript("sh", strTree + "/uninstall.sh", "y\n", tmpDir.path()).bFinished);
-        QCOMPARE(treeOf(tmpDir.path() + "/cwd"), QStringList{"rel/"});
-        QVERIFY(!QFileInfo::exists(entryPath()));
     }
 
     // A FIFO holds the worker inside one stage: the entry, or one entry of the copy.
@@ -243,6 +226,8 @@ private slots:
         QTest::addColumn<QStringList>("tree");
         QTest::newRow("during the desktop stage: the entry still written") << "entry" << false << QStringList();
         QTest::newRow("during the copy: stops at the next entry") << "c-gate" << false << QStringList({"a", "b/", "b/c", "c-gate"});
+        QTest::newRow("last entry of a subdirectory: seen at the parent's next entry")
+            << "b/z-gate" << false << QStringList({"a", "b/", "b/c", "b/z-gate"});
         QTest::newRow("after the last entry: the run completes")
             << "z-gate" << false << QStringList({"a", "b/", "b/c", "d", "uninstall.sh", "z-gate"});
         // The window lives on main's stack: its end must wait for the worker.
