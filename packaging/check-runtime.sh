@@ -1,0 +1,221 @@
+#!/usr/bin/env bash
+# Checks the AppImage runtime as a whole program on little images of its own:
+# the in-process FUSE mount as root, extraction as uid 65534, nothing left
+# behind however AppRun ends, every --appimage-* option, links that must not
+# lead extraction out of squashfs-root, and files that are no AppImage.
+# Needs root. Prints one summary line; the failures, if any, before it.
+#   packaging/check-runtime.sh RUNTIME
+set -uo pipefail
+[ $# -eq 1 ] && [ "$(id -u)" = 0 ] || { echo "usage: check-runtime.sh RUNTIME (as root)" >&2; exit 2; }
+command -v mksquashfs >/dev/null || { echo "check-runtime: mksquashfs not found (squashfs-tools)" >&2; exit 2; }
+runtime=$(readlink -f "$1")
+scratch=$(mktemp -d)
+unmount_strays() { awk -v s="$scratch/" 'index($5, s) == 1 { print $5 }' /proc/self/mountinfo | xargs -r -n1 umount -l; }
+trap 'cd /; unmount_strays; rm -rf "$scratch"' EXIT
+chmod 755 "$scratch"
+export HOME=$scratch/home
+mkdir -p "$HOME" "$scratch/outside" "$scratch/decoy" "$scratch/fifo" "$scratch/run" && chmod 777 "$scratch/fifo"
+passed=0 failed=0
+check() { # NAME COMMAND...: one result
+    if "${@:2}"; then passed=$((passed + 1)); else failed=$((failed + 1)); echo "check-runtime: FAIL: $1" >&2; fi
+}
+# Polls up to 20 s for COMMAND to succeed.
+wait_for() { for _ in $(seq 200); do "$@" && return 0; sleep 0.1; done; return 1; }
+# A child that has ended stays a zombie until waited for.
+ended() { [ ! -e "/proc/$1" ] || [ "$(sed 's/.*) //' "/proc/$1/stat" 2>/dev/null | cut -d' ' -f1)" = Z ]; }
+has() { grep -qxF -- "$2" "$1"; }
+# A TMPDIR of its own, owned by the user under test, so leftovers are plain to see.
+fresh_tmp() { rm -rf "$scratch/tmp"; mkdir "$scratch/tmp"; chown "$1" "$scratch/tmp"; }
+clean_tmp() { [ -z "$(ls -A "$scratch/tmp")" ] && ! grep -q " $scratch/tmp/" /proc/self/mountinfo; }
+
+# The AppDir: AppRun tells what it was handed, then waits on the FIFO $HOLD if set.
+app=$scratch/AppDir
+mkdir -p "$app/sub"
+echo "from the image" > "$app/sub/data"
+cat > "$app/AppRun" <<'EOF'
+#!/bin/sh
+echo "appdir=$APPDIR"; echo "appimage=$APPIMAGE"; echo "argv0=$ARGV0"; echo "owd=$OWD"
+echo "data=$(cat "$APPDIR/sub/data")"
+echo "fs=$(awk -v d="$APPDIR" '$5 == d { for (i = 7; $i != "-"; i++); print $(i + 1) }' /proc/self/mountinfo)"
+echo "leaks=$(for f in /proc/$$/fd/*; do readlink "$f"; done | grep -c -e fuse -e AppImage)"
+for a in "$@"; do echo "[$a]"; done
+[ -z "${HOLD:-}" ] || { echo $$ > "$HOLD.pid"; read -r _ < "$HOLD"; }
+exit 7
+EOF
+chmod 755 "$app/AppRun"
+make_appimage() { # RUNTIME DIR OUTPUT [COMPRESSION]
+    mksquashfs "$2" "$scratch/image" -noappend -quiet -comp "${4:-zstd}" >/dev/null && cat "$1" "$scratch/image" > "$3" \
+        && chmod 755 "$3" && rm "$scratch/image"
+}
+make_appimage "$runtime" "$app" "$scratch/test.AppImage"
+make_appimage "$runtime" "$app" "$scratch/gzip.AppImage" gzip
+mkdir "$scratch/with blanks"
+cp "$scratch/test.AppImage" "$scratch/with blanks/my app.AppImage"
+cp "$runtime" "$scratch/bare"
+# A host squashfuse is never needed: these decoys tell if one is run.
+for decoy in squashfuse squashfuse_ll; do
+    printf '#!/bin/sh\ntouch %s/decoy-used\nexit 1\n' "$scratch" > "$scratch/decoy/$decoy"
+    chmod 755 "$scratch/decoy/$decoy"
+done
+args=(one "two words" "it's \"quoted\"" "" "--appimage-not-ours" '$HOME *')
+
+# Running AppRun: NAME;USER;MOUNTED(1/0);STDERR-LINES;PROGRAM;FIRST-ARGUMENT;VAR=VALUE
+while IFS=';' read -r name user mounted errlines program first vars; do
+    fresh_tmp "$user"
+    mkdir -p "$scratch/run/$name" && cd "$scratch/run/$name" || exit 1
+    env PATH="$scratch/decoy:$PATH" TMPDIR="$scratch/tmp" ${vars:+"$vars"} timeout 60 \
+        setpriv --reuid="$user" --regid="$user" --clear-groups "$program" ${first:+"$first"} "${args[@]}" > out 2> err
+    check "$name: exit status of AppRun" [ $? = 7 ]
+    appdir=$(sed -n 's/^appdir=//p' out)
+    if [ "$mounted" = 1 ]; then prefix=.mount_tavelin fs=fuse.tavelin; else prefix=.tavelin-appimage- fs=; fi
+    check "$name: APPDIR $appdir" [ "${appdir#"$scratch/tmp/$prefix"}" != "$appdir" ]
+    check "$name: file system '$fs'" has out "fs=$fs"
+    target=$program
+    [[ $vars != TARGET_APPIMAGE=* ]] || target=${vars#*=}
+    check "$name: APPIMAGE" has out "appimage=$(readlink -f "$target")"
+    check "$name: ARGV0, OWD, data" bash -c 'grep -qxF "argv0=$1" out && grep -qxF "owd=$PWD" out &&
+        grep -qxF "data=from the image" out' - "$program"
+    check "$name: arguments" diff <(printf '[%s]\n' "${args[@]}") <(grep '^\[' out)
+    check "$name: no FUSE or image descriptor in AppRun" has out leaks=0
+    check "$name: $errlines line(s) on stderr" [ "$(wc -l < err)" = "$errlines" ]
+    check "$name: nothing left in TMPDIR" clean_tmp
+done <<EOF
+mount-as-root;0;1;0;$scratch/test.AppImage;;
+gzip-image;0;1;0;$scratch/gzip.AppImage;;
+blanks-in-path;0;1;0;$scratch/with blanks/my app.AppImage;;
+extract-as-nobody;65534;0;1;$scratch/test.AppImage;;
+extract-and-run-env;0;0;0;$scratch/test.AppImage;;APPIMAGE_EXTRACT_AND_RUN=1
+extract-and-run-option;0;0;0;$scratch/test.AppImage;--appimage-extract-and-run;
+target-appimage;0;1;0;$scratch/bare;;TARGET_APPIMAGE=$scratch/test.AppImage
+EOF
+check "extract-as-nobody: the one line says why" grep -q "/dev/fuse.*extracting" "$scratch/run/extract-as-nobody/err"
+check "no host squashfuse was run" [ ! -e "$scratch/decoy-used" ]
+
+# Stopping: MODE USER SIGNAL WHOM; the runtime's status must be 128 + SIGNAL and nothing left.
+hold=$scratch/fifo/hold
+while read -r mode user signal whom; do
+    fresh_tmp "$user"
+    rm -f "$hold" "$hold.pid" && mkfifo -m 666 "$hold"
+    # Background jobs of a script ignore SIGINT; the runtime must get it as from a terminal.
+    env --default-signal HOLD="$hold" TMPDIR="$scratch/tmp" setpriv --reuid="$user" --regid="$user" --clear-groups "$scratch/test.AppImage" >/dev/null 2>&1 &
+    pid=$!
+    check "$mode $signal $whom: AppRun started" wait_for test -s "$hold.pid"
+    if [ "$whom" = runtime ]; then kill -s "$signal" "$pid"; else kill -s "$signal" "$(cat "$hold.pid")"; fi
+    check "$mode $signal $whom: the runtime ends" wait_for ended "$pid" || kill -9 "$pid"
+    wait "$pid"
+    check "$mode $signal $whom: status 128 + $signal" [ $? = $((128 + $(kill -l "$signal"))) ]
+    check "$mode $signal $whom: nothing left" clean_tmp
+done <<EOF
+mount 0 TERM runtime
+mount 0 INT runtime
+mount 0 HUP runtime
+mount 0 KILL AppRun
+extract 65534 TERM runtime
+extract 65534 KILL AppRun
+EOF
+
+# --appimage-mount serves others until SIGINT.
+fresh_tmp 0
+env --default-signal TMPDIR="$scratch/tmp" "$scratch/test.AppImage" --appimage-mount > "$scratch/mount.out" &
+pid=$!
+check "--appimage-mount: prints the mount point" wait_for test -s "$scratch/mount.out"
+point=$(head -n 1 "$scratch/mount.out")
+check "--appimage-mount: a FUSE mount at $point" bash -c 'awk -v d="$1" '\''$5 == d && / - fuse.tavelin /'\'' \
+    /proc/self/mountinfo | grep -q .' - "$point"
+check "--appimage-mount: readable from outside" [ "$(cat "$point/sub/data")" = "from the image" ]
+kill -INT "$pid"
+check "--appimage-mount: ends on SIGINT" wait_for ended "$pid" || kill -9 "$pid"
+wait "$pid"
+check "--appimage-mount: status 0" [ $? = 0 ]
+check "--appimage-mount: unmounted and removed" clean_tmp
+
+# The sections the packer fills, read from the file by name.
+section() { readelf -SW "$1" | sed -n "s/^ *\[ *[0-9]*\] $2 *PROGBITS *[0-9a-f]* \([0-9a-f]*\) \([0-9a-f]*\) .*/\1 \2/p"; }
+sizes=$(for name in upd_info sha256_sig sig_key; do section "$runtime" "\.$name" | cut -d' ' -f2; done | tr '\n' ' ')
+check "sections: .upd_info, .sha256_sig, .sig_key, PROGBITS, full size" [ "$sizes" = "000400 000400 002000 " ]
+cp "$runtime" "$scratch/signed"
+for pair in "upd_info:zsync|https://example.invalid/x.zsync" "sha256_sig:-----BEGIN PGP SIGNATURE-----"; do
+    read -r offset _ < <(section "$scratch/signed" "\.${pair%%:*}")
+    printf %s "${pair#*:}" | dd of="$scratch/signed" bs=1 seek=$((16#$offset)) conv=notrunc status=none
+done
+make_appimage "$scratch/signed" "$app" "$scratch/signed.AppImage"
+
+# Options: NAME;STATUS;PATTERN IN STDOUT AND STDERR;COMMAND (words without blanks)
+size=$(stat -c %s "$runtime")
+cd "$scratch/run" || exit 1
+while IFS=';' read -r name status pattern command; do
+    # shellcheck disable=SC2086 # the command's words
+    timeout 20 $command > "$scratch/option.out" 2>&1
+    check "$name: status $status" [ $? = "$status" ]
+    check "$name: says $pattern" grep -q -- "$pattern" "$scratch/option.out"
+done <<EOF
+--appimage-offset;0;^$size\$;$scratch/test.AppImage --appimage-offset
+--appimage-help;0;--appimage-updateinformation;$scratch/test.AppImage --appimage-help
+--appimage-version;0;^tavelin-runtime [0-9];$scratch/test.AppImage --appimage-version
+--appimage-updateinformation;0;^zsync|https://example.invalid/x.zsync\$;$scratch/signed.AppImage --appimage-updateinformation
+--appimage-signature;0;^-----BEGIN PGP SIGNATURE-----\$;$scratch/signed.AppImage --appimage-signature
+empty update information;0;^\$;$scratch/test.AppImage --appimage-updateinformation
+unknown option;1;unknown option --appimage-frobnicate;$scratch/test.AppImage --appimage-frobnicate
+TARGET_APPIMAGE offset;0;^$size\$;env TARGET_APPIMAGE=$scratch/test.AppImage $scratch/bare --appimage-offset
+TARGET_APPIMAGE signature;0;^-----BEGIN PGP;env TARGET_APPIMAGE=$scratch/signed.AppImage $scratch/bare --appimage-signature
+TARGET_APPIMAGE extract;0;^squashfs-root\$;env TARGET_APPIMAGE=$scratch/test.AppImage $scratch/bare --appimage-extract
+EOF
+check "--appimage-extract: the image's files" diff -r "$app" squashfs-root
+check "--appimage-extract: AppRun executable" test -x squashfs-root/AppRun
+mkdir "$scratch/run/pattern" && cd "$scratch/run/pattern" && "$scratch/test.AppImage" --appimage-extract 'sub/*' >/dev/null
+check "--appimage-extract PATTERN: only what matches" \
+    [ "$(find squashfs-root | sort | tr '\n' ' ')" = "squashfs-root squashfs-root/sub squashfs-root/sub/data " ]
+
+# Links are written as links and never followed, whether in the image or already in ./squashfs-root.
+links=$scratch/links
+mkdir -p "$links"
+ln -s "$scratch/outside/victim" "$links/AppRun"
+ln -s "$scratch/outside" "$links/sub"
+ln -s ../../../outside/up "$links/up"
+make_appimage "$runtime" "$links" "$scratch/links.AppImage"
+mkdir "$scratch/run/links" && cd "$scratch/run/links" || exit 1
+"$scratch/links.AppImage" --appimage-extract >/dev/null
+check "links: kept as links with their targets" \
+    [ "$(readlink squashfs-root/AppRun) $(readlink squashfs-root/up)" = "$scratch/outside/victim ../../../outside/up" ]
+# Then a file where a link is, and a directory with a file where a link to a directory is.
+"$scratch/test.AppImage" --appimage-extract >/dev/null
+check "links: replaced by the image's file and directory" bash -c '[ -f squashfs-root/AppRun ] && [ ! -L squashfs-root/AppRun ] &&
+    [ -d squashfs-root/sub ] && [ ! -L squashfs-root/sub ] && [ -f squashfs-root/sub/data ]'
+mkdir "$scratch/run/linked-root" && cd "$scratch/run/linked-root" && ln -s "$scratch/outside" squashfs-root
+"$scratch/test.AppImage" --appimage-extract >/dev/null
+check "links: ./squashfs-root as a link is replaced" bash -c '[ -d squashfs-root ] && [ ! -L squashfs-root ]'
+check "links: nothing written outside squashfs-root" [ -z "$(ls -A "$scratch/outside")" ]
+
+# Bad files: NAME;USER;EXPECTED WORDS;PROGRAM;TARGET_APPIMAGE. One clear line, status 1, nothing left.
+# mksquashfs pads to 4 KiB: cut inside the bytes the superblock says are used.
+used=$(od -An -t u8 -j $((size + 40)) -N 8 "$scratch/test.AppImage")
+cut_at=$((size + used / 2))
+head -c "$cut_at" "$scratch/test.AppImage" > "$scratch/truncated.AppImage"
+cp "$runtime" "$scratch/garbage.AppImage" && head -c 8192 /dev/urandom >> "$scratch/garbage.AppImage"
+cp "$scratch/test.AppImage" "$scratch/unreadable.AppImage"
+chmod 755 "$scratch/truncated.AppImage" "$scratch/garbage.AppImage" && chmod 111 "$scratch/unreadable.AppImage"
+echo "just text" > "$scratch/text"
+cp "$(type -P true)" "$scratch/plain-elf"
+cd "$scratch/run" || exit 1
+while IFS=';' read -r name user words program target; do
+    fresh_tmp "$user"
+    env ${target:+TARGET_APPIMAGE="$target"} TMPDIR="$scratch/tmp" timeout 20 setpriv --reuid="$user" --regid="$user" --clear-groups "$program" >/dev/null 2> "$scratch/bad.err"
+    check "$name: status 1" [ $? = 1 ]
+    check "$name: one line saying '$words'" bash -c 'grep -q "$1" "$2" && [ "$(wc -l < "$2")" = 1 ]' - "$words" "$scratch/bad.err"
+    check "$name: nothing left" clean_tmp
+done <<EOF
+truncated;0;is truncated;$scratch/truncated.AppImage;
+no-image;0;no squashfs image appended;$scratch/bare;
+garbage-appended;0;no squashfs image where;$scratch/garbage.AppImage;
+unreadable;65534;Permission denied;$scratch/unreadable.AppImage;
+target-unreadable;65534;Permission denied;$scratch/bare;$scratch/unreadable.AppImage
+target-text;0;no 64-bit ELF;$scratch/bare;$scratch/text
+target-no-mark;0;no type 2 mark;$scratch/bare;$scratch/plain-elf
+target-garbage;0;no squashfs image where;$scratch/bare;$scratch/garbage.AppImage
+target-directory;0;not a regular file;$scratch/bare;$scratch/outside
+target-missing;0;No such file;$scratch/bare;$scratch/missing
+EOF
+check "extracting a truncated file fails" bash -c '! "$1" --appimage-extract >/dev/null 2>&1' - "$scratch/truncated.AppImage"
+
+echo "check-runtime: $passed passed, $failed failed"
+[ "$failed" = 0 ]
