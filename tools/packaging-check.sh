@@ -10,6 +10,7 @@ appimage=$(tools/demo-appimage.sh | tail -n 1)
 cmake --build build -j "$(nproc)" --target tavelin-appimage-inspect tavelin-x-wmstate >/dev/null
 packaging/check-appimage.sh "$appimage" build/packaging/runtime/tavelin-runtime \
     build/packaging/check/tavelin-appimage-inspect
+packaging/check-runtime.sh build/packaging/runtime/tavelin-runtime
 
 # The AppDir as shipped, unpacked from the AppImage.
 scratch=$(mktemp -d)
