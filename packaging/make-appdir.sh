@@ -14,7 +14,7 @@ manifest=$payload/soft/mainifest.json
 [ -f "$manifest" ] || die "$manifest not found: pack the application with tavelin-pack first"
 [ -x "$gui" ] || die "$gui is not an executable"
 [ ! -e "$appdir" ] || die "$appdir exists already"
-for tool in patchelf readelf ldd; do
+for tool in patchelf readelf strip ldd; do
     command -v "$tool" >/dev/null || die "$tool not found (Debian packages patchelf, binutils, libc-bin)"
 done
 qmake=$(command -v qmake || command -v qmake-qt5 || echo /usr/lib/qt5/bin/qmake)
@@ -82,6 +82,13 @@ for plugin in "$appdir"/usr/plugins/*/*.so; do
     bundle_needs "$plugin"
 done
 
+# Symbols and debug information are dead weight in an installer; the dynamic
+# symbol table stays, so linking and plugin loading work as before. strip
+# goes first: rewriting a file patchelf has grown can break it.
+for elf in "$appdir/usr/bin/tavelin-gui" "$appdir"/usr/lib/*.so* "$appdir"/usr/plugins/*/*.so; do
+    strip --strip-unneeded "$elf" || die "strip failed on $elf"
+done
+
 patchelf --set-rpath '$ORIGIN/../lib' "$appdir/usr/bin/tavelin-gui"
 for lib in "$appdir"/usr/lib/*.so*; do
     patchelf --set-rpath '$ORIGIN' "$lib"
@@ -126,4 +133,5 @@ chmod 0755 "$appdir/AppRun"
 find "$appdir" -type d -exec chmod 0755 {} +
 find "$appdir" -type f -perm /0111 -exec chmod 0755 {} +
 find "$appdir" -type f ! -perm /0111 -exec chmod 0644 {} +
-echo "make-appdir: $appdir ready ($(ls "$appdir/usr/lib" | wc -l) libraries, $(ls "$appdir"/usr/plugins/*/*.so | wc -l) plugins)"
+echo "make-appdir: $appdir ready ($(ls "$appdir/usr/lib" | wc -l) libraries, $(ls "$appdir"/usr/plugins/*/*.so | wc -l) plugins," \
+     "$(du -sb "$appdir" | cut -f1) bytes)"

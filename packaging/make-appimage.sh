@@ -1,27 +1,110 @@
 #!/usr/bin/env bash
 # Makes one AppImage file: the runtime, then a squashfs image of the AppDir
-# beginning exactly where the runtime's ELF ends.
-#   packaging/make-appimage.sh RUNTIME APPDIR OUTPUT
+# beginning exactly where the runtime's ELF ends; optionally fills the
+# runtime's reserved sections with update information and a signature.
+#   packaging/make-appimage.sh [--update-information TEXT] [--sign-key KEY] RUNTIME APPDIR OUTPUT
+# The signature is gpg's ASCII-armoured detached signature of the 64
+# lowercase hex characters, without a newline, of the SHA-256 of the whole
+# file with .upd_info, .sha256_sig and .sig_key all zero; .sig_key holds the
+# armoured public key. gpg runs with the caller's GNUPGHOME.
 set -euo pipefail
 die() { echo "make-appimage: $*" >&2; exit 1; }
-[ $# -eq 3 ] || die "usage: make-appimage.sh RUNTIME APPDIR OUTPUT"
+usage="usage: make-appimage.sh [--update-information TEXT] [--sign-key KEY] RUNTIME APPDIR OUTPUT"
+update_information= sign_key=
+while [ $# -gt 0 ]; do
+    case $1 in
+        --update-information) [ $# -ge 2 ] || die "$usage"; update_information=$2; shift 2 ;;
+        --sign-key) [ $# -ge 2 ] && [ -n "$2" ] || die "$usage"; sign_key=$2; shift 2 ;;
+        --*) die "unknown option $1; $usage" ;;
+        *) break ;;
+    esac
+done
+[ $# -eq 3 ] || die "$usage"
 runtime=$1 appdir=$2 output=$3
 command -v mksquashfs >/dev/null || die "mksquashfs not found (Debian package squashfs-tools)"
+command -v readelf >/dev/null || die "readelf not found (Debian package binutils)"
+[ -z "$sign_key" ] || command -v gpg >/dev/null || die "gpg not found (Debian package gnupg)"
 [ -x "$appdir/AppRun" ] || die "$appdir/AppRun is missing: make the AppDir with make-appdir.sh"
 [ "$(dd if="$runtime" bs=1 skip=8 count=3 status=none | od -An -c | tr -d ' ')" = 'AI002' ] \
     || die "$runtime carries no AppImage type 2 mark"
 
-image=$(mktemp)
-trap 'rm -f "$image"' EXIT
+work=$(mktemp -d)
+partial= # the output while it is being written: a failure removes it
+cleanup() {
+    rm -rf "$work"
+    if [ -n "$partial" ]; then rm -f "$partial"; fi
+}
+trap cleanup EXIT
+
+# "OFFSET SIZE" in the file of one of the runtime's reserved sections, which
+# must be there and still zero.
+section() { # name
+    local type offset size
+    read -r type offset size < <(readelf -S -W "$runtime" | sed 's/^ *\[ *[0-9]*\]//' \
+        | awk -v name="$1" '$1 == name { print $2, $4, $5 }') || die "$runtime has no section $1"
+    [ "$type" = PROGBITS ] || die "$runtime's section $1 is $type, not PROGBITS"
+    offset=$((16#$offset)) size=$((16#$size))
+    [ -z "$(dd if="$runtime" bs=4096 skip="$offset" count="$size" iflag=skip_bytes,count_bytes status=none \
+        | tr -d '\0')" ] || die "$runtime's section $1 is not zero-filled"
+    echo "$offset $size"
+}
+declare -A place=()
+fits() { # name file what
+    local bytes=$(stat -c %s "$2") size=${place[$1]#* }
+    [ "$bytes" -le "$size" ] || die "$3 takes $bytes bytes, more than the $size of $1"
+}
+fill() { # name file: the file's bytes at the start of the section in the output
+    dd if="$2" of="$output" bs=4096 seek="${place[$1]% *}" oflag=seek_bytes conv=notrunc status=none \
+        || die "cannot write $1 into $output"
+}
+
+# Refusals that need no image come before the long mksquashfs.
+if [ -n "$update_information$sign_key" ]; then
+    for name in .upd_info .sha256_sig .sig_key; do place[$name]=$(section "$name"); done
+    printf '%s' "$update_information" > "$work/update-information"
+    fits .upd_info "$work/update-information" "the update information"
+fi
+if [ -n "$sign_key" ]; then
+    # Named by fingerprint, so that the key that signs is the key exported.
+    fingerprint=$(gpg --batch --with-colons --list-secret-keys -- "$sign_key" 2>/dev/null \
+        | awk -F: '$1 == "sec" { primary = 1 } primary && $1 == "fpr" { print $10; primary = 0 }') || true
+    [ -n "$fingerprint" ] || die "no secret key $sign_key in ${GNUPGHOME:-~/.gnupg}"
+    [ "$(wc -l <<<"$fingerprint")" -eq 1 ] || die "$sign_key names several secret keys; give a fingerprint"
+fi
+
 # Reproducible: owned by root, no extended attributes, every time stamp
 # SOURCE_DATE_EPOCH or else a fixed 2000-01-01 00:00 UTC. mksquashfs refuses
 # its time options while SOURCE_DATE_EPOCH is set, so it does not see it.
+# zstd 19 in 1 MiB blocks: the smallest of the zstd settings, and as quick
+# to read as any level.
 epoch=${SOURCE_DATE_EPOCH:-946684800}
-env -u SOURCE_DATE_EPOCH mksquashfs "$appdir" "$image" -noappend -all-root -no-xattrs \
-    -mkfs-time "$epoch" -all-time "$epoch" -comp gzip -quiet >/dev/null \
+env -u SOURCE_DATE_EPOCH mksquashfs "$appdir" "$work/image" -noappend -all-root -no-xattrs \
+    -mkfs-time "$epoch" -all-time "$epoch" -comp zstd -Xcompression-level 19 -b 1M -quiet >/dev/null \
     || die "mksquashfs failed on $appdir"
-cat "$runtime" "$image" > "$output"
+partial=$output
+cat "$runtime" "$work/image" > "$output"
 chmod 0755 "$output"
 offset=$("$(readlink -f "$output")" --appimage-offset) || die "the runtime in $output does not start"
 [ "$offset" -eq "$(stat -c %s "$runtime")" ] || die "the runtime's ELF ends at $offset, not at its size"
-echo "make-appimage: $output ($(stat -c %s "$output") bytes, image at offset $offset)"
+
+notes=
+if [ -n "$sign_key" ]; then
+    # The sections are still zero here, so the file as it is gives the digest.
+    sha256sum < "$output" | cut -c1-64 | tr -d '\n' > "$work/digest"
+    gpg --batch --yes --armor --local-user "$fingerprint" --output "$work/signature" \
+        --detach-sign "$work/digest" 2>"$work/gpg.log" || die "gpg cannot sign with $sign_key: $(cat "$work/gpg.log")"
+    # Minimal: without third-party signatures the key is smaller and checks the same.
+    gpg --batch --armor --export-options export-minimal --export "$fingerprint" > "$work/key" 2>"$work/gpg.log" \
+        && [ -s "$work/key" ] || die "gpg cannot export $fingerprint: $(cat "$work/gpg.log")"
+    fits .sha256_sig "$work/signature" "the signature"
+    fits .sig_key "$work/key" "the public key"
+    fill .sha256_sig "$work/signature"
+    fill .sig_key "$work/key"
+    notes+=", signed by $fingerprint"
+fi
+if [ -n "$update_information" ]; then
+    fill .upd_info "$work/update-information"
+    notes+=", update information $(stat -c %s "$work/update-information") bytes"
+fi
+partial=
+echo "make-appimage: $output ($(stat -c %s "$output") bytes, image at offset $offset$notes)"
