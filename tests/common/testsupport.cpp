@@ -86,6 +86,22 @@ QStringList treeOf(const QString& strRoot)
     return paths;
 }
 
+bool makeTree(const QString& strRoot, const QStringList& entries)
+{
+    bool bOk = QDir().mkpath(strRoot);
+    for (const QString& strEntry : entries) {
+        const QString strPath = strRoot + QLatin1Char('/') + strEntry.section(QStringLiteral("->"), 0, 0);
+        QDir().mkpath(QFileInfo(strPath).absolutePath());
+        if (strEntry.contains(QStringLiteral("->")))
+            bOk = bOk && QFile::link(strEntry.section(QStringLiteral("->"), 1), strPath);
+        else if (strEntry.endsWith(QLatin1Char('|')))
+            bOk = bOk && mkfifo(QFile::encodeName(strPath.chopped(1)).constData(), 0600) == 0;
+        else
+            bOk = bOk && (strEntry.endsWith(QLatin1Char('/')) ? QDir().mkpath(strPath) : writeFile(strPath, strEntry.toUtf8()));
+    }
+    return bOk;
+}
+
 QString unprivilegedUnavailable()
 {
     if (geteuid() != 0)

@@ -15,6 +15,9 @@ bool writeFile(const QString& path, const QByteArray& content);
 QByteArray readFile(const QString& path);
 /// Every entry below a root, relative and sorted; directories end in "/".
 QStringList treeOf(const QString& strRoot);
+/// Makes entries below a root: "d/" a directory, "l->t" a link to t, "f|" a
+/// FIFO; any other file holds its own path.
+bool makeTree(const QString& strRoot, const QStringList& entries);
 
 /// Why this process cannot run children as another user; empty when it can.
 QString unprivilegedUnavailable();

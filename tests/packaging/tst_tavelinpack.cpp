@@ -16,29 +16,6 @@ namespace {
 
 const QByteArray g_validDesktop = "[Desktop Entry]\nType=Application\nName=Demo\nExec=bin/demo %U\nIcon=demo\n";
 
-// Builds a tree from lines "f path", "d path", "l path target", "p path" (FIFO).
-bool buildTree(const QString& strRoot, const QStringList& lines)
-{
-    QDir().mkpath(strRoot);
-    for (const QString& strLine : lines) {
-        const QStringList parts = strLine.split(QLatin1Char(' '));
-        const QString strPath = strRoot + QLatin1Char('/') + parts.value(1);
-        QDir().mkpath(QFileInfo(strPath).absolutePath());
-        bool bOk = false;
-        if (parts.first() == QLatin1String("f"))
-            bOk = TestSupport::writeFile(strPath, "content of " + strPath.toUtf8());
-        else if (parts.first() == QLatin1String("d"))
-            bOk = QDir().mkpath(strPath);
-        else if (parts.first() == QLatin1String("l"))
-            bOk = ::symlink(parts.value(2).toLocal8Bit().constData(), strPath.toLocal8Bit().constData()) == 0;
-        else if (parts.first() == QLatin1String("p"))
-            bOk = ::mkfifo(strPath.toLocal8Bit().constData(), 0600) == 0;
-        if (!bOk)
-            return false;
-    }
-    return true;
-}
-
 class DCopyProbe : public MainWindow
 {
 public:
@@ -59,258 +36,243 @@ class tst_TavelinPack : public QObject
     Q_OBJECT
 
 private slots:
-    void init();
-    void countFollowsCopyRules_data();
-    void countFollowsCopyRules();
-    void refusesAndLeavesNothing_data();
-    void refusesAndLeavesNothing();
-    void refusesBadSettings_data();
-    void refusesBadSettings();
-    void manifestLoadsBackEqual();
+    void init()
+    {
+        tempDir.reset(new QTemporaryDir);
+        QVERIFY(tempDir->isValid());
+        qputenv("HOME", tempDir->path().toLocal8Bit());
+        if (QStandardPaths::findExecutable(QStringLiteral("desktop-file-validate")).isEmpty())
+            QSKIP("desktop-file-validate is not installed (Debian package desktop-file-utils)");
+    }
+
+    void countFollowsCopyRules_data()
+    {
+        QTest::addColumn<QStringList>("tree");
+        QTest::addColumn<int>("expected");
+        QTest::addColumn<QString>("warning"); // one of the warnings; empty: none
+        QTest::newRow("files and nested dirs") << QStringList{"a", "bin/demo", "share/x/y/z.txt", "empty/"} << 8 << "";
+        QTest::newRow("hidden entries at every depth") << QStringList{"a", ".hidden", ".dir/inside", "bin/.rc"} << 2
+                                                       << "hidden entry bin/.rc will not be installed";
+        QTest::newRow("link to a file counts as a file") << QStringList{"a", "b->a"} << 2 << "";
+        QTest::newRow("link to a dir is descended") << QStringList{"lib/x.so", "lib/y.so", "lib64->lib"} << 6 << "";
+        QTest::newRow("link out of the tree is followed")
+            << QStringList{"../outside/o1", "../outside/o2", "ext->../outside"} << 3 << "";
+        QTest::newRow("dangling link left out") << QStringList{"a", "gone->nowhere"} << 1
+                                                << "dangling link gone will not be installed";
+        QTest::newRow("fifo left out") << QStringList{"a", "pipe|"} << 1 << "special file pipe will not be installed";
+    }
+
+    void countFollowsCopyRules()
+    {
+        QFETCH(QStringList, tree);
+        QFETCH(int, expected);
+        QFETCH(QString, warning);
+        const QString strRoot = tempDir->filePath(QStringLiteral("tree"));
+        QVERIFY(TestSupport::makeTree(strRoot, tree));
+        TPackTreeScan scan;
+        QVERIFY2(DPackTree::scan(strRoot, scan), qPrintable(scan.error));
+        QCOMPARE(scan.count(), expected);
+        QVERIFY2(warning.isEmpty() ? scan.warnings.isEmpty() : scan.warnings.contains(warning), qPrintable(scan.warnings.join('\n')));
+
+        // The wizard's own copy counts the same, from the source and from the payload.
+        QString strError;
+        const QString strPayload = tempDir->filePath(QStringLiteral("payload"));
+        QVERIFY2(DPackTree::copy(strRoot, scan, strPayload, strError), qPrintable(strError));
+        DCopyProbe probe;
+        QCOMPARE(probe.countCopy(strPayload, tempDir->filePath(QStringLiteral("installed"))), expected);
+        QCOMPARE(probe.countCopy(strRoot, tempDir->filePath(QStringLiteral("installed-from-source"))), expected);
+    }
+
+    void refusesAndLeavesNothing_data()
+    {
+        QTest::addColumn<QString>("problem");
+        QTest::addColumn<QString>("message");
+        QTest::newRow("desktop entry without Type") << "desktop" << "rejected by desktop-file-validate";
+        QTest::newRow("icon is not an image") << "icon" << "does not load as an image";
+        QTest::newRow("main exe outside local dir") << "exe-prefix" << "does not begin with the local dir";
+        QTest::newRow("main exe not in tree") << "exe-missing" << "names no installed file";
+        QTest::newRow("main exe is a dir") << "exe-dir" << "names no installed file";
+        QTest::newRow("link loops to an ancestor") << "loop" << "loops back to";
+        QTest::newRow("tree of hidden files only") << "empty" << "is empty";
+        QTest::newRow("tree missing") << "no-tree" << "is not a directory";
+        QTest::newRow("output not empty") << "output" << "is not empty";
+        QTest::newRow("AppImage there already") << "appimage" << "exists already";
+        QTest::newRow("AppImage's directory is a file") << "appimage-dir" << "cannot create the directory";
+        QTest::newRow("mksquashfs fails half-way") << "mksquashfs" << "mksquashfs failed";
+    }
+
+    void refusesAndLeavesNothing()
+    {
+        QFETCH(QString, problem);
+        QFETCH(QString, message);
+        TPackRequest request = makeRequest(tempDir->path());
+        const QString strOut = request.outputDir;
+        request.outputDir = strOut + QStringLiteral("/payload");
+        request.appImage = strOut + QStringLiteral("/new/Demo.AppImage");
+        const QString strFake = tempDir->filePath(QStringLiteral("bin/mksquashfs"));
+        QStringList tree{"bin/demo", "share/readme"};
+        QStringList had; // what the packager has in the output location beforehand
+        if (problem == QLatin1String("desktop"))
+            TestSupport::writeFile(request.desktopEntry, "[Desktop Entry]\nName=Demo\nExec=demo\n");
+        else if (problem == QLatin1String("icon"))
+            TestSupport::writeFile(request.icon, "not a picture");
+        else if (problem == QLatin1String("exe-prefix"))
+            request.mainExePath = QStringLiteral("/elsewhere/bin/demo");
+        else if (problem == QLatin1String("exe-missing"))
+            request.mainExePath = QStringLiteral("/build/demo/bin/other");
+        else if (problem == QLatin1String("exe-dir"))
+            request.mainExePath = QStringLiteral("/build/demo/bin");
+        else if (problem == QLatin1String("loop"))
+            tree << QStringLiteral("share/up->..");
+        else if (problem == QLatin1String("empty"))
+            tree = QStringList{".hidden", ".config/x"}, request.mainExePath.clear();
+        else if (problem == QLatin1String("output"))
+            had << QStringLiteral("payload/") << QStringLiteral("payload/keep.txt");
+        else if (problem == QLatin1String("appimage"))
+            had << QStringLiteral("new/") << QStringLiteral("new/Demo.AppImage");
+        else if (problem == QLatin1String("appimage-dir"))
+            had << QStringLiteral("new");
+        else if (problem == QLatin1String("mksquashfs"))
+            QVERIFY(TestSupport::writeFile(strFake, "#!/bin/sh\necho full >&2\nexit 1\n") && ::chmod(qPrintable(strFake), 0755) == 0);
+    #ifndef TAVELIN_RUNTIME_BINARY
+        if (problem == QLatin1String("mksquashfs"))
+            QSKIP("the AppImage runtime is not built (Debian package libsquashfuse-dev)");
+    #endif
+        if (problem != QLatin1String("no-tree"))
+            QVERIFY(TestSupport::makeTree(request.appTree, tree));
+        if (!had.isEmpty())
+            QVERIFY(TestSupport::writeFile(strOut + QLatin1Char('/') + had.last(), "mine"));
+
+        QScopedPointer<QProcess> process(runPacker(request));
+        QCOMPARE(process->exitCode(), 1);
+        const QString strStderr = QString::fromLocal8Bit(process->readAllStandardError());
+        QVERIFY2(strStderr.contains(QStringLiteral("tavelin-pack: error: ")) && strStderr.contains(message),
+                 qPrintable(strStderr));
+        // Only what the packager had is left, as it was.
+        QCOMPARE(TestSupport::treeOf(strOut), had);
+        QCOMPARE(QFileInfo::exists(strOut), !had.isEmpty());
+        if (!had.isEmpty())
+            QCOMPARE(TestSupport::readFile(strOut + QLatin1Char('/') + had.last()), QByteArray("mine"));
+    }
+
+    void refusesBadSettings_data()
+    {
+        QTest::addColumn<QByteArray>("config");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("message");
+        const QByteArray baNeeded = R"({"app": "t", "desktop": "d", "icon": "i", "name-eng": "N", "output": "o")";
+        QTest::newRow("unknown key") << baNeeded + R"(, "colour": "red"})" << 1 << R"(/pkg.json: unknown key "colour")";
+        QTest::newRow("wrong type") << baNeeded + R"(, "dir": 7})" << 1 << R"(/pkg.json: "dir" must be a string, not a number)";
+        QTest::newRow("missing required setting") << QByteArray(R"({"app": "t", "icon": "i", "name-eng": "N", "output": "o"})")
+                                                  << 1 << R"(/pkg.json: missing "desktop")";
+        QTest::newRow("missing output") << QByteArray(R"({"app": "t", "desktop": "d", "icon": "i", "name-eng": "N"})") << 1
+                                        << R"(/pkg.json: missing "output" or "appimage")";
+        QTest::newRow("unreadable file") << QByteArray() << 1 << "/pkg.json: cannot be read";
+        QTest::newRow("not JSON") << QByteArray(R"({"app": "t",)") << 1 << "/pkg.json: is not JSON";
+        QTest::newRow("not an object") << QByteArray(R"(["app"])") << 1 << "/pkg.json: holds no JSON object";
+        QTest::newRow("no file, an option missing") << QByteArray("--app t --output o") << 2 << "missing --desktop";
+    }
+
+    void refusesBadSettings()
+    {
+        QFETCH(QByteArray, config);
+        QFETCH(int, status);
+        QFETCH(QString, message);
+        const QString strConfig = tempDir->filePath(QStringLiteral("pkg.json"));
+        QStringList arguments{"--config", strConfig};
+        if (config.startsWith("--"))
+            arguments = QString::fromUtf8(config).split(QLatin1Char(' '));
+        else if (!config.isNull())
+            QVERIFY(TestSupport::writeFile(strConfig, config));
+        QScopedPointer<QProcess> process(runPack(arguments));
+        QCOMPARE(process->exitCode(), status);
+        const QString strStderr = QString::fromLocal8Bit(process->readAllStandardError());
+        QVERIFY2(strStderr.startsWith(QStringLiteral("tavelin-pack: error: ")) && strStderr.contains(message),
+                 qPrintable(strStderr));
+        QCOMPARE(TestSupport::treeOf(tempDir->path()), QFileInfo::exists(strConfig) ? QStringList{"pkg.json"} : QStringList());
+    }
+
+    void manifestLoadsBackEqual()
+    {
+        const TPackRequest request = makeRequest(tempDir->path());
+        QVERIFY(TestSupport::makeTree(request.appTree, {"bin/demo", "share/readme", ".git/config"}));
+        DPacker packer;
+        QVERIFY2(packer.pack(request), qPrintable(packer.getError()));
+
+        // The carried-only paths lie inside the payload, whatever the sources' places.
+        TAppPackInfo expected;
+        expected.fromJsonString(QString::fromUtf8(R"({"base": {"nameEng": "Demo", "nameChs": "演示", "version": "2.3.1", "publisher": "Sample Works",)"
+            R"( "website": "https://example.org", "author": "作者", "email": "demo@example.org"},)"
+            R"( "install": {"defaultParentDir": "/opt", "dir": "demo", "appIcon": "demo.png", "filesTotalCount": 4,)"
+            R"( "desktopFile": "demo.desktop"},)"
+            R"( "files": {"localDir": "/build/demo/", "mainExePath": "/build/demo/bin/demo"},)"
+            R"( "appearance": {"iconPath": "soft/images/demo.png", "shortcutOnStartMenu": 1,)"
+            R"( "desktopPath": "soft/desktop/share/applications/demo.desktop"},)"
+            R"( "other": {"installPkgName": "demo-2.3.1"}})"));
+        const QString strSoft = request.outputDir + QStringLiteral("/soft");
+        TAppPackInfo loaded;
+        QVERIFY(JsonUtil::initObjFromJsonFile((strSoft + QStringLiteral("/mainifest.json")).toStdString(), loaded));
+        QVERIFY2(loaded == expected, qPrintable(loaded.toJsonString()));
+        QCOMPARE(TestSupport::readFile(strSoft + QStringLiteral("/desktop/share/applications/demo.desktop")), g_validDesktop);
+        QCOMPARE(TestSupport::readFile(strSoft + QStringLiteral("/images/demo.png")), TestSupport::readFile(request.icon));
+
+        // The same from a description file in another directory, its paths taken
+        // against that directory; the command line overrides two of its settings.
+        QVERIFY(TestSupport::writeFile(tempDir->filePath(QStringLiteral("conf/pkg.json")), R"({"app": "../tree", "desktop": "../demo.desktop", "icon": "../demo.png", "name-eng": "Demo",)"
+            R"( "name-chs": "演示", "app-version": "2.3.1", "publisher": "Sample Works", "website": "https://example.org",)"
+            R"( "author": "作者", "email": "demo@example.org", "parent-dir": "/opt", "dir": "demo",)"
+            R"( "local-dir": "/build/demo/", "main-exe": "/build/demo/bin/demo", "output": "unused"})"));
+        QScopedPointer<QProcess> process(
+            runPack({"--config", "conf/pkg.json", "--app-version", "9.9", "--output", "out-config"}));
+        QCOMPARE(process->exitCode(), 0);
+        // Warnings do not stop it: a hidden entry and a main program without its x bit.
+        const QString strStderr = QString::fromLocal8Bit(process->readAllStandardError());
+        QVERIFY2(strStderr.contains(QStringLiteral("tavelin-pack: warning: hidden entry .git will not be installed"))
+                     && strStderr.contains(QStringLiteral("tavelin-pack: warning: main program /build/demo/bin/demo is not executable")),
+                 qPrintable(strStderr));
+        const QString strManifest = tempDir->filePath(QStringLiteral("out-config/soft/mainifest.json"));
+        QVERIFY(JsonUtil::initObjFromJsonFile(strManifest.toStdString(), loaded));
+        expected.base.version = "9.9";
+        expected.other.installPkgName = "demo-9.9";
+        QVERIFY2(loaded == expected, qPrintable(loaded.toJsonString()));
+    }
 
 private:
-    TPackRequest makeRequest(const QString& strBase) const;
-    QProcess* runPacker(const TPackRequest& request);
-    QProcess* runPack(const QStringList& arguments);
+    TPackRequest makeRequest(const QString& strBase) const
+    {
+        const TPackRequest request{strBase + "/tree", strBase + "/demo.desktop", strBase + "/demo.png", "Demo", "演示",
+                                   "2.3.1", "Sample Works", "https://example.org", "作者", "demo@example.org", "/opt",
+                                   "demo", "/build/demo/", "/build/demo/bin/demo", strBase + "/out"};
+        TestSupport::writeFile(request.desktopEntry, g_validDesktop);
+        QFile::copy(QStringLiteral(TAVELIN_SOURCE_DIR "/examples/demo/soft/images/tavelin-demo.png"), request.icon);
+        return request;
+    }
+
+    QProcess* runPacker(const TPackRequest& request)
+    {
+        return runPack({"--app", request.appTree, "--desktop", request.desktopEntry, "--icon", request.icon,
+                        "--name-eng", request.nameEng, "--name-chs", request.nameChs, "--app-version", request.version,
+                        "--publisher", request.publisher, "--website", request.website, "--author", request.author,
+                        "--email", request.email, "--parent-dir", request.defaultParentDir, "--dir", request.dir,
+                        "--local-dir", request.localDir, "--main-exe", request.mainExePath,
+                        "--output", request.outputDir, "--appimage", request.appImage});
+    }
+
+    // From the temporary directory, with its bin first in PATH for stand-ins.
+    QProcess* runPack(const QStringList& arguments)
+    {
+        auto* process = new QProcess;
+        process->setWorkingDirectory(tempDir->path());
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("PATH"), tempDir->filePath(QStringLiteral("bin:")) + environment.value(QStringLiteral("PATH")));
+        process->setProcessEnvironment(environment);
+        process->start(QStringLiteral(TAVELIN_PACK_BINARY), arguments);
+        process->waitForFinished(180000);
+        return process;
+    }
 
     QScopedPointer<QTemporaryDir> tempDir;
 };
-
-void tst_TavelinPack::init()
-{
-    tempDir.reset(new QTemporaryDir);
-    QVERIFY(tempDir->isValid());
-    qputenv("HOME", tempDir->path().toLocal8Bit());
-    if (QStandardPaths::findExecutable(QStringLiteral("desktop-file-validate")).isEmpty())
-        QSKIP("desktop-file-validate is not installed (Debian package desktop-file-utils)");
-}
-
-TPackRequest tst_TavelinPack::makeRequest(const QString& strBase) const
-{
-    const TPackRequest request{strBase + "/tree", strBase + "/demo.desktop", strBase + "/demo.png", "Demo", "演示",
-                               "2.3.1", "Sample Works", "https://example.org", "作者", "demo@example.org", "/opt",
-                               "demo", "/build/demo/", "/build/demo/bin/demo", strBase + "/out"};
-    TestSupport::writeFile(request.desktopEntry, g_validDesktop);
-    QFile::copy(QStringLiteral(TAVELIN_SOURCE_DIR "/examples/demo/soft/images/tavelin-demo.png"), request.icon);
-    return request;
-}
-
-QProcess* tst_TavelinPack::runPacker(const TPackRequest& request)
-{
-    return runPack({"--app", request.appTree, "--desktop", request.desktopEntry, "--icon", request.icon,
-                    "--name-eng", request.nameEng, "--name-chs", request.nameChs, "--app-version", request.version,
-                    "--publisher", request.publisher, "--website", request.website, "--author", request.author,
-                    "--email", request.email, "--parent-dir", request.defaultParentDir, "--dir", request.dir,
-                    "--local-dir", request.localDir, "--main-exe", request.mainExePath,
-                    "--output", request.outputDir, "--appimage", request.appImage});
-}
-
-// From the temporary directory, with its bin first in PATH for stand-ins.
-QProcess* tst_TavelinPack::runPack(const QStringList& arguments)
-{
-    auto* process = new QProcess;
-    process->setWorkingDirectory(tempDir->path());
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("PATH"), tempDir->filePath(QStringLiteral("bin:")) + environment.value(QStringLiteral("PATH")));
-    process->setProcessEnvironment(environment);
-    process->start(QStringLiteral(TAVELIN_PACK_BINARY), arguments);
-    process->waitForFinished(180000);
-    return process;
-}
-
-void tst_TavelinPack::countFollowsCopyRules_data()
-{
-    QTest::addColumn<QStringList>("tree");
-    QTest::addColumn<int>("expected");
-    QTest::addColumn<QString>("warning"); // one of the warnings; empty: none
-    QTest::newRow("files and nested dirs") << QStringList{"f a", "f bin/demo", "f share/x/y/z.txt", "d empty"} << 8 << "";
-    QTest::newRow("hidden entries at every depth") << QStringList{"f a", "f .hidden", "f .dir/inside", "f bin/.rc"} << 2
-                                                   << "hidden entry bin/.rc will not be installed";
-    QTest::newRow("link to a file counts as a file") << QStringList{"f a", "l b a"} << 2 << "";
-    QTest::newRow("link to a dir is descended") << QStringList{"f lib/x.so", "f lib/y.so", "l lib64 lib"} << 6 << "";
-    QTest::newRow("link out of the tree is followed")
-        << QStringList{"f ../outside/o1", "f ../outside/o2", "l ext ../outside"} << 3 << "";
-    QTest::newRow("dangling link left out") << QStringList{"f a", "l gone nowhere"} << 1
-                                            << "dangling link gone will not be installed";
-    QTest::newRow("fifo left out") << QStringList{"f a", "p pipe"} << 1 << "special file pipe will not be installed";
-}
-
-void tst_TavelinPack::countFollowsCopyRules()
-{
-    QFETCH(QStringList, tree);
-    QFETCH(int, expected);
-    QFETCH(QString, warning);
-    const QString strRoot = tempDir->filePath(QStringLiteral("tree"));
-    QVERIFY(buildTree(strRoot, tree));
-    TPackTreeScan scan;
-    QVERIFY2(DPackTree::scan(strRoot, scan), qPrintable(scan.error));
-    QCOMPARE(scan.count(), expected);
-    QVERIFY2(warning.isEmpty() ? scan.warnings.isEmpty() : scan.warnings.contains(warning), qPrintable(scan.warnings.join('\n')));
-
-    // The wizard's own copy counts the same, from the source and from the payload.
-    QString strError;
-    const QString strPayload = tempDir->filePath(QStringLiteral("payload"));
-    QVERIFY2(DPackTree::copy(strRoot, scan, strPayload, strError), qPrintable(strError));
-    DCopyProbe probe;
-    QCOMPARE(probe.countCopy(strPayload, tempDir->filePath(QStringLiteral("installed"))), expected);
-    QCOMPARE(probe.countCopy(strRoot, tempDir->filePath(QStringLiteral("installed-from-source"))), expected);
-}
-
-void tst_TavelinPack::refusesAndLeavesNothing_data()
-{
-    QTest::addColumn<QString>("problem");
-    QTest::addColumn<QString>("message");
-    QTest::newRow("desktop entry without Type") << "desktop" << "rejected by desktop-file-validate";
-    QTest::newRow("icon is not an image") << "icon" << "does not load as an image";
-    QTest::newRow("main exe outside local dir") << "exe-prefix" << "does not begin with the local dir";
-    QTest::newRow("main exe not in tree") << "exe-missing" << "names no installed file";
-    QTest::newRow("main exe is a dir") << "exe-dir" << "names no installed file";
-    QTest::newRow("link loops to an ancestor") << "loop" << "loops back to";
-    QTest::newRow("tree of hidden files only") << "empty" << "is empty";
-    QTest::newRow("tree missing") << "no-tree" << "is not a directory";
-    QTest::newRow("output not empty") << "output" << "is not empty";
-    QTest::newRow("AppImage there already") << "appimage" << "exists already";
-    QTest::newRow("AppImage's directory is a file") << "appimage-dir" << "cannot create the directory";
-    QTest::newRow("mksquashfs fails half-way") << "mksquashfs" << "mksquashfs failed";
-}
-
-void tst_TavelinPack::refusesAndLeavesNothing()
-{
-    QFETCH(QString, problem);
-    QFETCH(QString, message);
-    TPackRequest request = makeRequest(tempDir->path());
-    const QString strOut = request.outputDir;
-    request.outputDir = strOut + QStringLiteral("/payload");
-    request.appImage = strOut + QStringLiteral("/new/Demo.AppImage");
-    const QString strFake = tempDir->filePath(QStringLiteral("bin/mksquashfs"));
-    QStringList tree{"f bin/demo", "f share/readme"};
-    QStringList had; // what the packager has in the output location beforehand
-    if (problem == QLatin1String("desktop"))
-        TestSupport::writeFile(request.desktopEntry, "[Desktop Entry]\nName=Demo\nExec=demo\n");
-    else if (problem == QLatin1String("icon"))
-        TestSupport::writeFile(request.icon, "not a picture");
-    else if (problem == QLatin1String("exe-prefix"))
-        request.mainExePath = QStringLiteral("/elsewhere/bin/demo");
-    else if (problem == QLatin1String("exe-missing"))
-        request.mainExePath = QStringLiteral("/build/demo/bin/other");
-    else if (problem == QLatin1String("exe-dir"))
-        request.mainExePath = QStringLiteral("/build/demo/bin");
-    else if (problem == QLatin1String("loop"))
-        tree << QStringLiteral("l share/up ..");
-    else if (problem == QLatin1String("empty"))
-        tree = QStringList{"f .hidden", "f .config/x"}, request.mainExePath.clear();
-    else if (problem == QLatin1String("output"))
-        had << QStringLiteral("payload/") << QStringLiteral("payload/keep.txt");
-    else if (problem == QLatin1String("appimage"))
-        had << QStringLiteral("new/") << QStringLiteral("new/Demo.AppImage");
-    else if (problem == QLatin1String("appimage-dir"))
-        had << QStringLiteral("new");
-    else if (problem == QLatin1String("mksquashfs"))
-        QVERIFY(TestSupport::writeFile(strFake, "#!/bin/sh\necho full >&2\nexit 1\n") && ::chmod(qPrintable(strFake), 0755) == 0);
-#ifndef TAVELIN_RUNTIME_BINARY
-    if (problem == QLatin1String("mksquashfs"))
-        QSKIP("the AppImage runtime is not built (Debian package libsquashfuse-dev)");
-#endif
-    if (problem != QLatin1String("no-tree"))
-        QVERIFY(buildTree(request.appTree, tree));
-    if (!had.isEmpty())
-        QVERIFY(TestSupport::writeFile(strOut + QLatin1Char('/') + had.last(), "mine"));
-
-    QScopedPointer<QProcess> process(runPacker(request));
-    QCOMPARE(process->exitCode(), 1);
-    const QString strStderr = QString::fromLocal8Bit(process->readAllStandardError());
-    QVERIFY2(strStderr.contains(QStringLiteral("tavelin-pack: error: ")) && strStderr.contains(message),
-             qPrintable(strStderr));
-    // Only what the packager had is left, as it was.
-    QCOMPARE(TestSupport::treeOf(strOut), had);
-    QCOMPARE(QFileInfo::exists(strOut), !had.isEmpty());
-    if (!had.isEmpty())
-        QCOMPARE(TestSupport::readFile(strOut + QLatin1Char('/') + had.last()), QByteArray("mine"));
-}
-
-void tst_TavelinPack::refusesBadSettings_data()
-{
-    QTest::addColumn<QByteArray>("config");
-    QTest::addColumn<int>("status");
-    QTest::addColumn<QString>("message");
-    const QByteArray baNeeded = R"({"app": "t", "desktop": "d", "icon": "i", "name-eng": "N", "output": "o")";
-    QTest::newRow("unknown key") << baNeeded + R"(, "colour": "red"})" << 1 << R"(/pkg.json: unknown key "colour")";
-    QTest::newRow("wrong type") << baNeeded + R"(, "dir": 7})" << 1 << R"(/pkg.json: "dir" must be a string, not a number)";
-    QTest::newRow("missing required setting") << QByteArray(R"({"app": "t", "icon": "i", "name-eng": "N", "output": "o"})")
-                                              << 1 << R"(/pkg.json: missing "desktop")";
-    QTest::newRow("missing output") << QByteArray(R"({"app": "t", "desktop": "d", "icon": "i", "name-eng": "N"})") << 1
-                                    << R"(/pkg.json: missing "output" or "appimage")";
-    QTest::newRow("unreadable file") << QByteArray() << 1 << "/pkg.json: cannot be read";
-    QTest::newRow("not JSON") << QByteArray(R"({"app": "t",)") << 1 << "/pkg.json: is not JSON";
-    QTest::newRow("not an object") << QByteArray(R"(["app"])") << 1 << "/pkg.json: holds no JSON object";
-    QTest::newRow("no file, an option missing") << QByteArray("--app t --output o") << 2 << "missing --desktop";
-}
-
-void tst_TavelinPack::refusesBadSettings()
-{
-    QFETCH(QByteArray, config);
-    QFETCH(int, status);
-    QFETCH(QString, message);
-    const QString strConfig = tempDir->filePath(QStringLiteral("pkg.json"));
-    QStringList arguments{"--config", strConfig};
-    if (config.startsWith("--"))
-        arguments = QString::fromUtf8(config).split(QLatin1Char(' '));
-    else if (!config.isNull())
-        QVERIFY(TestSupport::writeFile(strConfig, config));
-    QScopedPointer<QProcess> process(runPack(arguments));
-    QCOMPARE(process->exitCode(), status);
-    const QString strStderr = QString::fromLocal8Bit(process->readAllStandardError());
-    QVERIFY2(strStderr.startsWith(QStringLiteral("tavelin-pack: error: ")) && strStderr.contains(message),
-             qPrintable(strStderr));
-    QCOMPARE(TestSupport::treeOf(tempDir->path()), QFileInfo::exists(strConfig) ? QStringList{"pkg.json"} : QStringList());
-}
-
-void tst_TavelinPack::manifestLoadsBackEqual()
-{
-    const TPackRequest request = makeRequest(tempDir->path());
-    QVERIFY(buildTree(request.appTree, {"f bin/demo", "f share/readme", "f .git/config"}));
-    DPacker packer;
-    QVERIFY2(packer.pack(request), qPrintable(packer.getError()));
-
-    // The carried-only paths lie inside the payload, whatever the sources' places.
-    TAppPackInfo expected;
-    expected.fromJsonString(QString::fromUtf8(R"({
-        "base": {"nameEng": "Demo", "nameChs": "演示", "version": "2.3.1", "publisher": "Sample Works",
-                 "website": "https://example.org", "author": "作者", "email": "demo@example.org"},
-        "install": {"defaultParentDir": "/opt", "dir": "demo", "appIcon": "demo.png", "filesTotalCount": 4,
-                    "desktopFile": "demo.desktop"},
-        "files": {"localDir": "/build/demo/", "mainExePath": "/build/demo/bin/demo"},
-        "appearance": {"iconPath": "soft/images/demo.png", "shortcutOnStartMenu": 1,
-                       "desktopPath": "soft/desktop/share/applications/demo.desktop"},
-        "other": {"installPkgName": "demo-2.3.1"}})"));
-    const QString strSoft = request.outputDir + QStringLiteral("/soft");
-    TAppPackInfo loaded;
-    QVERIFY(JsonUtil::initObjFromJsonFile((strSoft + QStringLiteral("/mainifest.json")).toStdString(), loaded));
-    QVERIFY2(loaded == expected, qPrintable(loaded.toJsonString()));
-    QCOMPARE(TestSupport::readFile(strSoft + QStringLiteral("/desktop/share/applications/demo.desktop")), g_validDesktop);
-    QCOMPARE(TestSupport::readFile(strSoft + QStringLiteral("/images/demo.png")), TestSupport::readFile(request.icon));
-
-    // The same from a description file in another directory, its paths taken
-    // against that directory; the command line overrides two of its settings.
-    QVERIFY(TestSupport::writeFile(tempDir->filePath(QStringLiteral("conf/pkg.json")), R"({
-        "app": "../tree", "desktop": "../demo.desktop", "icon": "../demo.png", "name-eng": "Demo",
-        "name-chs": "演示", "app-version": "2.3.1", "publisher": "Sample Works", "website": "https://example.org",
-        "author": "作者", "email": "demo@example.org", "parent-dir": "/opt", "dir": "demo",
-        "local-dir": "/build/demo/", "main-exe": "/build/demo/bin/demo", "output": "unused"})"));
-    QScopedPointer<QProcess> process(
-        runPack({"--config", "conf/pkg.json", "--app-version", "9.9", "--output", "out-config"}));
-    QCOMPARE(process->exitCode(), 0);
-    // Warnings do not stop it: a hidden entry and a main program without its x bit.
-    const QString strStderr = QString::fromLocal8Bit(process->readAllStandardError());
-    QVERIFY2(strStderr.contains(QStringLiteral("tavelin-pack: warning: hidden entry .git will not be installed"))
-                 && strStderr.contains(QStringLiteral("tavelin-pack: warning: main program /build/demo/bin/demo is not executable")),
-             qPrintable(strStderr));
-    const QString strManifest = tempDir->filePath(QStringLiteral("out-config/soft/mainifest.json"));
-    QVERIFY(JsonUtil::initObjFromJsonFile(strManifest.toStdString(), loaded));
-    expected.base.version = "9.9";
-    expected.other.installPkgName = "demo-9.9";
-    QVERIFY2(loaded == expected, qPrintable(loaded.toJsonString()));
-}
 
 QTEST_MAIN(tst_TavelinPack)
 #include "tst_tavelinpack.moc"

@@ -3,29 +3,7 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
-#include <sys/stat.h>
-
 using namespace TestSupport;
-
-namespace {
-
-// "d/" is a directory, "l->t" a link to t, "f|" a FIFO; any other file holds its own path.
-bool makeTree(const QString& strRoot, const QStringList& entries)
-{
-    bool bOk = QDir().mkpath(strRoot);
-    for (const QString& strEntry : entries) {
-        const QString strPath = strRoot + "/" + strEntry.section("->", 0, 0);
-        if (strEntry.contains("->"))
-            bOk = bOk && QFile::link(strEntry.section("->", 1), strPath);
-        else if (strEntry.endsWith('|'))
-            bOk = bOk && mkfifo(QFile::encodeName(strPath.chopped(1)).constData(), 0600) == 0;
-        else
-            bOk = bOk && (strEntry.endsWith('/') ? QDir().mkpath(strPath) : writeFile(strPath, strEntry.toUtf8()));
-    }
-    return bOk;
-}
-
-} // namespace
 
 class tst_CopyDirectory : public QObject
 {
