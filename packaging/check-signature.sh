@@ -1,0 +1,105 @@
+#!/usr/bin/env bash
+# Checks what make-appimage.sh writes into the runtime's reserved sections,
+# reading them back independently: with a throw-away GnuPG key it makes a
+# signed AppImage with update information and an unsigned one of the same
+# AppDir, then
+# - the runtime and the .upd_info bytes give back the update information;
+# - the signed file with .upd_info, .sha256_sig and .sig_key zeroed is the
+#   unsigned file byte for byte;
+# - gpg, with a fresh keyring holding only the key from .sig_key, accepts
+#   the signature from .sha256_sig over the hex SHA-256 of that zeroed file,
+#   made by the throw-away key;
+# - one changed payload byte makes it refuse;
+# - the unsigned file's three sections are all zero.
+#   packaging/check-signature.sh RUNTIME APPDIR
+set -euo pipefail
+[ $# -eq 2 ] || { echo "usage: check-signature.sh RUNTIME APPDIR" >&2; exit 2; }
+here=$(cd "$(dirname "$0")" && pwd)
+runtime=$(readlink -f "$1") appdir=$2
+fail() { echo "check-signature: FAIL: $*" >&2; exit 1; }
+for tool in gpg gpgconf objdump sha256sum; do
+    command -v "$tool" >/dev/null || fail "$tool not found (Debian packages gnupg, binutils, coreutils)"
+done
+scratch=$(mktemp -d)
+cleanup() {
+    local home
+    for home in "$scratch/signer" "$scratch/checker"; do
+        if [ -d "$home" ]; then GNUPGHOME=$home gpgconf --kill gpg-agent 2>/dev/null || true; fi
+    done
+    rm -rf "$scratch"
+}
+trap cleanup EXIT
+gpg_in() { # home gpg-arguments...
+    local home=$1
+    shift
+    GNUPGHOME=$home gpg --batch --quiet "$@"
+}
+
+mkdir -m 0700 "$scratch/signer" "$scratch/checker"
+gpg_in "$scratch/signer" --passphrase '' --quick-gen-key 'Tavelin Test <test@example.invalid>' ed25519 sign never \
+    2>/dev/null || fail "gpg cannot make a test key"
+fingerprint=$(gpg_in "$scratch/signer" --with-colons --list-secret-keys | awk -F: '$1 == "fpr" { print $10; exit }')
+update='zsync|https://tavelin.example.invalid/TavelinDemo-x86_64.AppImage.zsync'
+signed=$scratch/signed.AppImage unsigned=$scratch/unsigned.AppImage
+GNUPGHOME=$scratch/signer "$here/make-appimage.sh" --update-information "$update" --sign-key test@example.invalid \
+    "$runtime" "$appdir" "$signed" >/dev/null
+"$here/make-appimage.sh" "$runtime" "$appdir" "$unsigned" >/dev/null
+
+# objdump here, where make-appimage.sh reads readelf: "OFFSET SIZE", decimal.
+section() { # name
+    local size offset
+    read -r size offset < <(objdump -h "$runtime" | awk -v name="$1" '$2 == name { print $3, $6 }') \
+        || fail "$runtime has no section $1"
+    echo "$((16#$offset)) $((16#$size))"
+}
+bytes_of() { # file section: the section's bytes up to the first zero
+    local offset size
+    read -r offset size <<<"$(section "$2")"
+    dd if="$1" bs=4096 skip="$offset" count="$size" iflag=skip_bytes,count_bytes status=none | tr -d '\0'
+}
+zeroed() { # file copy: the file with the three sections zeroed
+    local name offset size
+    cp "$1" "$2"
+    for name in .upd_info .sha256_sig .sig_key; do
+        read -r offset size <<<"$(section "$name")"
+        head -c "$size" /dev/zero | dd of="$2" bs=4096 seek="$offset" oflag=seek_bytes conv=notrunc status=none
+    done
+}
+verify() { # file: gpg's status lines with a keyring of the embedded key alone
+    local home
+    home=$(mktemp -d "$scratch/checker/home.XXXXXX")
+    bytes_of "$1" .sig_key > "$home/key.asc"
+    bytes_of "$1" .sha256_sig > "$home/signature.asc"
+    zeroed "$1" "$home/zeroed"
+    sha256sum < "$home/zeroed" | cut -c1-64 | tr -d '\n' > "$home/digest"
+    gpg_in "$home" --import "$home/key.asc" 2>/dev/null || fail "gpg cannot import the key in .sig_key"
+    gpg_in "$home" --status-fd 1 --verify "$home/signature.asc" "$home/digest" 2>/dev/null || true
+}
+
+[ "$(bytes_of "$signed" .upd_info)" = "$update" ] || fail ".upd_info does not hold the update information"
+runtime_says=section
+if "$signed" --appimage-help | grep -q -- --appimage-updateinformation; then
+    [ "$("$signed" --appimage-updateinformation)" = "$update" ] \
+        || fail "--appimage-updateinformation prints something else than $update"
+    runtime_says="--appimage-updateinformation and section"
+fi
+zeroed "$signed" "$scratch/signed-zeroed"
+cmp -s "$scratch/signed-zeroed" "$unsigned" || fail "the signed file differs from the unsigned one outside the sections"
+verify "$signed" > "$scratch/signed.status"
+grep -q "^\[GNUPG:\] VALIDSIG $fingerprint " "$scratch/signed.status" \
+    || fail "gpg does not accept the embedded signature with the embedded key"
+# One bit of a byte half-way through the squashfs image.
+cp "$signed" "$scratch/changed.AppImage"
+at=$((($(stat -c %s "$signed") + $(stat -c %s "$runtime")) / 2))
+byte=$(od -An -tu1 -j "$at" -N1 "$signed" | tr -d ' ')
+printf "\\$(printf %03o $((byte ^ 1)))" | dd of="$scratch/changed.AppImage" bs=1 seek="$at" conv=notrunc status=none
+cmp -s "$signed" "$scratch/changed.AppImage" && fail "byte $at did not change"
+verify "$scratch/changed.AppImage" > "$scratch/changed.status"
+grep -q '^\[GNUPG:\] BADSIG ' "$scratch/changed.status" && ! grep -q '^\[GNUPG:\] VALIDSIG ' "$scratch/changed.status" \
+    || fail "gpg does not call the signature bad after byte $at of the payload changed"
+for name in .upd_info .sha256_sig .sig_key; do
+    [ -z "$(bytes_of "$unsigned" "$name")" ] || fail "the unsigned file's $name is not zero"
+done
+echo "check-signature: update information read back ($runtime_says); signed = unsigned outside the sections;" \
+     "gpg accepts the signature by $fingerprint with the embedded key alone, refuses it after one payload byte" \
+     "changed; the unsigned file's three sections are zero"
