@@ -62,7 +62,7 @@ mutant page-icon-no-fallback lib/tavelin-gui/pagebaseinfo.cpp \
     'tst_dpagebaseinfo'
 mutant page-progress-row-shown lib/tavelin-gui/pagebaseinfo.cpp \
     's/labelProgressBarInstall->setVisible(bShow);/labelProgressBarInstall->setVisible(true);/' \
-    'tst_dpagebaseinfo|tst_mainwindow'
+    'tst_installrun'
 # The location judgement and the dialog
 mutant location-root-judged-writable lib/tavelin-gui/pagebaseinfo_location.cpp \
     '/if (tmpDir.isEmpty())/{n;s/return false;/return QFileInfo(QStringLiteral("\/")).isWritable();/}' \

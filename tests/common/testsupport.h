@@ -86,17 +86,23 @@ public:
 
 } // namespace TestSupport
 
-// Runs the rest of a case as user 65534: in a child when this process is
-// root, else right here. Skips where neither is possible. Extra arguments are
-// "NAME=value" entries of the child's environment.
-#define TAVELIN_RUN_UNPRIVILEGED(strDir, ...)                                                      \
-    do {                                                                                           \
-        if (TestSupport::unprivilegedChildDir().isEmpty() && geteuid() == 0) {                     \
-            const QString strWhy = TestSupport::unprivilegedUnavailable();                         \
-            if (!strWhy.isEmpty())                                                                 \
-                QSKIP(qPrintable(QStringLiteral("root may write everywhere and ") + strWhy));      \
-            const QString strFailure = TestSupport::runCurrentCaseAs(65534, strDir, {__VA_ARGS__}); \
-            QVERIFY2(strFailure.isEmpty(), qPrintable(strFailure));                                \
-            return;                                                                                \
-        }                                                                                          \
+// Runs the rest of a case as user uid, in a child started as root; skips
+// where that is not possible. Extra arguments are "NAME=value" (or "NAME" to
+// remove) entries of the child's environment.
+#define TAVELIN_RUN_AS(uid, strDir, ...)                                                          \
+    do {                                                                                          \
+        if (TestSupport::unprivilegedChildDir().isEmpty() && geteuid() != uid_t(uid)) {           \
+            const QString strWhy = TestSupport::unprivilegedUnavailable();                        \
+            if (!strWhy.isEmpty())                                                                \
+                QSKIP(qPrintable(strWhy));                                                        \
+            const QString strFailure = TestSupport::runCurrentCaseAs(uid, strDir, {__VA_ARGS__}); \
+            QVERIFY2(strFailure.isEmpty(), qPrintable(strFailure));                               \
+            return;                                                                               \
+        }                                                                                         \
+    } while (false)
+// Root may write everywhere: as root the rest of the case runs as user 65534.
+#define TAVELIN_RUN_UNPRIVILEGED(strDir, ...)                \
+    do {                                                     \
+        if (geteuid() == 0)                                  \
+            TAVELIN_RUN_AS(65534, strDir, __VA_ARGS__);      \
     } while (false)

@@ -4,7 +4,6 @@
 #include <QImage>
 #include <QLabel>
 #include <QLineEdit>
-#include <QProgressBar>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -144,25 +143,6 @@ private slots:
         packInfo().base.nameChs = "演示";
         buildWizard();
         QTEST(child<QLineEdit>("editInstallDir")->text(), "expected");
-    }
-
-    void progressRow()
-    {
-        buildWizard();
-        auto* page = wizard->findChild<DPageBaseInfo*>();
-        auto* label = child<QLabel>("labelProgressBarInstall");
-        auto* bar = child<QProgressBar>("progressBarInstall");
-        QVERIFY(label->isHidden() && bar->isHidden());
-        QCOMPARE(bar->maximum(), 100);
-        page->updateInstallProgress(true, 42, "正在安装");
-        QVERIFY(!label->isHidden() && !bar->isHidden());
-        QCOMPARE(label->text(), QString("正在安装"));
-        QCOMPARE(bar->value(), 42);
-        // Hiding leaves text and value as they were.
-        page->updateInstallProgress(false, 7, "ignored");
-        QVERIFY(label->isHidden() && bar->isHidden());
-        QCOMPARE(label->text(), QString("正在安装"));
-        QCOMPARE(bar->value(), 42);
     }
 
 private:

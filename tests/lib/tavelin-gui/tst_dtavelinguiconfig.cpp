@@ -82,15 +82,8 @@ private slots:
     {
         QFETCH(int, uid);
         QFETCH(QString, userEnv);
-        if (TestSupport::unprivilegedChildDir().isEmpty()) {
-            const QString strWhy = TestSupport::unprivilegedUnavailable();
-            if (!strWhy.isEmpty())
-                QSKIP(qPrintable(strWhy));
-            QTemporaryDir caseDir;
-            const QString strFailure = TestSupport::runCurrentCaseAs(uid, caseDir.path(), {userEnv});
-            QVERIFY2(strFailure.isEmpty(), qPrintable(strFailure));
-            return;
-        }
+        QTemporaryDir caseDir;
+        TAVELIN_RUN_AS(uid, caseDir.path(), userEnv);
         QTEST(DTavelinUtil::getCurrentUser(), "expected");
         QCOMPARE(DTavelinUtil::getCurrentUserId(), uint(uid));
     }

@@ -131,6 +131,7 @@ private slots:
         QCOMPARE(window->createButton()->text(), createText);
         QTEST(window->cancelButton()->text(), "cancelText");
         QCOMPARE(window->timerActive(), state == MainWindow::installing || state == MainWindow::pending);
+        QCOMPARE(window->findChild<QLabel*>("labelProgressBarInstall")->isHidden(), state == MainWindow::pending);
         QCOMPARE(label(), state == MainWindow::pending ? QString("等待安装")
                           : state == MainWindow::installing ? QString("正在安装") : createText);
         if (barValue >= 0)
