@@ -15,7 +15,8 @@ cd "$(dirname "$0")/.."
 top=$PWD
 
 names=() files=() edits=() tests=()
-# mutant NAME FILE SED-EXPRESSION CTEST-REGEX
+# mutant NAME FILE SED-EXPRESSION TESTS (a ctest regex, or check-runtime:
+# packaging/check-runtime.sh on the built runtime)
 mutant() { names+=("$1"); files+=("$2"); edits+=("$3"); tests+=("$4"); }
 
 # The manifest and the JSON loader
@@ -211,10 +212,22 @@ mutant pack-created-dir-left packaging/pack/DPackRun.cpp \
 mutant pack-count-files-only packaging/pack/DPacker.cpp \
     's/info.install.filesTotalCount = scan.count();/info.install.filesTotalCount = scan.count() - getDirCount();/' \
     'tst_tavelinpack'
-# The runtime
-mutant runtime-offset-off-by-one packaging/runtime/elfend.c \
-    's/end = (int64_t)(header.e_shoff + (uint64_t)header.e_shnum \* header.e_shentsize);/end = (int64_t)(header.e_shoff + (uint64_t)header.e_shnum * header.e_shentsize) + 1;/' \
-    'tst_appimageruntime'
+# The runtime, judged by its whole-program check ("check-runtime" runs it)
+mutant runtime-offset-off-by-one packaging/runtime/elffile.c \
+    's/uint64_t end = header.e_shoff + (uint64_t)header.e_shnum \* header.e_shentsize;/uint64_t end = header.e_shoff + (uint64_t)header.e_shnum * header.e_shentsize + 1;/' \
+    'check-runtime'
+mutant runtime-extract-follows-dir-link packaging/runtime/extract.c \
+    's/const int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;/const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;/' \
+    'check-runtime'
+mutant runtime-signal-not-forwarded packaging/runtime/launch.c \
+    's/kill(child, (int)info.ssi_signo);/kill(child, 0);/' \
+    'check-runtime'
+mutant runtime-mount-point-left packaging/runtime/runtime.c \
+    '/^static int run(/,/^}/{/mount_close(mount);/{n;s/rmdir(dir);/(void)dir;/}}' \
+    'check-runtime'
+mutant runtime-extract-keeps-old-entry packaging/runtime/extract.c \
+    's/if (unlinkat(dir, name, 0) != 0 \&\& errno != ENOENT)/if (0)/' \
+    'check-runtime'
 
 if [ "${1:-}" = --list ]; then
     for i in "${!names[@]}"; do printf '%-36s %s\n' "${names[$i]}" "${files[$i]}"; done
@@ -244,7 +257,11 @@ cmake -S "$src" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >"$log/configure.t
     || { echo "mutants: cmake failed, see $log/configure.txt" >&2; exit 2; }
 build_copy || { echo "mutants: the unchanged copy does not build, see $log/build.txt" >&2; exit 2; }
 run_tests() { # regex log
-    (cd "$build" && nice ctest --timeout 240 -j "$(nproc)" -R "^($1)\$" --output-on-failure) >"$2" 2>&1
+    if [ "$1" = check-runtime ]; then
+        nice "$src/packaging/check-runtime.sh" "$build/packaging/runtime/tavelin-runtime" >"$2" 2>&1
+    else
+        (cd "$build" && nice ctest --timeout 240 -j "$(nproc)" -R "^($1)\$" --output-on-failure) >"$2" 2>&1
+    fi
 }
 
 caught=0 missed=0 broken=0
