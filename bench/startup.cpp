@@ -2,10 +2,14 @@
 // outside and the same way for each: the time from fork to the MapNotify of
 // the program's first top-level window, and ru_maxrss after a fixed settle.
 //
-//   tavelin-bench-startup RUNS SETTLE_MS -- LABEL PROG [ARGS] -- LABEL PROG [ARGS] [-- ...]
+//   tavelin-bench-startup RUNS SETTLE_MS [--pairs GOAL[,GOAL...]] -- LABEL PROG [ARGS] -- LABEL PROG [ARGS] [-- ...]
 //
 // The first program is measured against the second; further ones are shown
-// for information. Runs are interleaved, after one unmeasured warm-up each.
+// for information. With --pairs the programs are compared two by two, the
+// n-th pair's start-up ratio against the n-th GOAL. Runs are interleaved,
+// after one unmeasured warm-up each. A program is stopped with SIGTERM, so
+// that a launcher can take down what it set up, and its process group is
+// killed when it has not ended 10 s later.
 #include <xcb/xcb.h>
 
 #include <algorithm>
@@ -57,6 +61,7 @@ pid_t spawn(const TProgram& program)
 {
     const pid_t pid = fork();
     if (pid == 0) {
+        setpgid(0, 0);
         std::vector<char*> argv;
         for (const std::string& arg : program.args)
             argv.push_back(const_cast<char*>(arg.c_str()));
@@ -104,22 +109,43 @@ TSample measureOnce(xcb_connection_t* conn, const TProgram& program, int settleM
     sample.startMs = nowMs() - startMs;
     // The same settle for every program: first paint and what follows it.
     usleep(static_cast<useconds_t>(settleMs) * 1000);
-    kill(pid, SIGKILL);
+    kill(pid, SIGTERM);
     int status = 0;
     rusage usage{};
-    wait4(pid, &status, 0, &usage);
+    const double killMs = nowMs() + 10000.0;
+    while (wait4(pid, &status, WNOHANG, &usage) == 0) {
+        if (nowMs() > killMs) {
+            kill(-pid, SIGKILL);
+            wait4(pid, &status, 0, &usage);
+            break;
+        }
+        usleep(1000);
+    }
+    kill(-pid, SIGKILL);
     sample.rssMiB = usage.ru_maxrss / 1024.0;
     drainEvents(conn);
     return sample;
 }
 
-bool parseArgs(int argc, char* argv[], int& runs, int& settleMs, std::vector<TProgram>& programs)
+bool parseArgs(int argc, char* argv[], int& runs, int& settleMs, std::vector<double>& goals,
+               std::vector<TProgram>& programs)
 {
     if (argc < 4)
         return false;
     runs = std::max(1, atoi(argv[1]));
     settleMs = std::max(0, atoi(argv[2]));
-    for (int i = 3; i < argc; ++i) {
+    int first = 3;
+    if (std::strcmp(argv[3], "--pairs") == 0 && argc > 4) {
+        for (char* goal = argv[4]; *goal;) {
+            char* end = nullptr;
+            goals.push_back(std::strtod(goal, &end));
+            if (end == goal || (*end && *end != ','))
+                return false;
+            goal = *end ? end + 1 : end;
+        }
+        first = 5;
+    }
+    for (int i = first; i < argc; ++i) {
         if (std::strcmp(argv[i], "--") == 0) {
             if (i + 2 >= argc)
                 return false;
@@ -131,18 +157,33 @@ bool parseArgs(int argc, char* argv[], int& runs, int& settleMs, std::vector<TPr
             return false;
         programs.back().args.push_back(argv[i]);
     }
-    return programs.size() >= 2;
+    return programs.size() >= 2 && (goals.empty() || programs.size() == 2 * goals.size());
 }
 
-void printRows(const std::vector<TProgram>& programs)
+void printStartRow(const TProgram& subject, const TProgram& reference, double goal)
 {
+    const double ratio = median(subject.startMs) / median(reference.startMs);
+    printf("| Start-up to first map, %s vs %s | %.0f ms | %.0f ms | %.3f | ≤ %g | %s |\n", subject.label.c_str(),
+           reference.label.c_str(), median(subject.startMs), median(reference.startMs), ratio, goal,
+           ratio <= goal ? "yes" : "**no**");
+}
+
+void printRows(const std::vector<TProgram>& programs, const std::vector<double>& goals)
+{
+    for (size_t pair = 0; pair < goals.size(); ++pair) {
+        const TProgram& subject = programs[2 * pair];
+        const TProgram& reference = programs[2 * pair + 1];
+        printStartRow(subject, reference, goals[pair]);
+        printf("| Peak RSS, %s vs %s (information) | %.1f MiB | %.1f MiB | %.3f | — | — |\n", subject.label.c_str(),
+               reference.label.c_str(), median(subject.rssMiB), median(reference.rssMiB),
+               median(subject.rssMiB) / median(reference.rssMiB));
+    }
+    if (!goals.empty())
+        return;
     const TProgram& subject = programs[0];
     const TProgram& reference = programs[1];
-    const double startRatio = median(subject.startMs) / median(reference.startMs);
     const double rssRatio = median(subject.rssMiB) / median(reference.rssMiB);
-    printf("| Start-up to first map, %s vs %s | %.0f ms | %.0f ms | %.3f | ≤ 1.15 | %s |\n", subject.label.c_str(),
-           reference.label.c_str(), median(subject.startMs), median(reference.startMs), startRatio,
-           startRatio <= 1.15 ? "yes" : "**no**");
+    printStartRow(subject, reference, 1.15);
     printf("| Peak RSS, %s vs %s | %.1f MiB | %.1f MiB | %.3f | ≤ 1.2 | %s |\n", subject.label.c_str(),
            reference.label.c_str(), median(subject.rssMiB), median(reference.rssMiB), rssRatio,
            rssRatio <= 1.2 ? "yes" : "**no**");
@@ -157,9 +198,12 @@ int main(int argc, char* argv[])
 {
     int runs = 0;
     int settleMs = 0;
+    std::vector<double> goals;
     std::vector<TProgram> programs;
-    if (!parseArgs(argc, argv, runs, settleMs, programs)) {
-        fprintf(stderr, "usage: %s RUNS SETTLE_MS -- LABEL PROG [ARGS] -- LABEL PROG [ARGS] [-- ...]\n", argv[0]);
+    if (!parseArgs(argc, argv, runs, settleMs, goals, programs)) {
+        fprintf(stderr,
+                "usage: %s RUNS SETTLE_MS [--pairs GOAL[,GOAL...]] -- LABEL PROG [ARGS] -- LABEL PROG [ARGS] [-- ...]\n",
+                argv[0]);
         return 2;
     }
     int screenNum = 0;
@@ -189,6 +233,6 @@ int main(int argc, char* argv[])
         }
     }
     xcb_disconnect(conn);
-    printRows(programs);
+    printRows(programs, goals);
     return 0;
 }
