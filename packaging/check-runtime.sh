@@ -57,13 +57,23 @@ for decoy in squashfuse squashfuse_ll; do
     printf '#!/bin/sh\ntouch %s/decoy-used\nexit 1\n' "$scratch" > "$scratch/decoy/$decoy"
     chmod 755 "$scratch/decoy/$decoy"
 done
+# Runs a command where /dev/fuse is open to every user, as on most desktops, so
+# uid 65534 mounts through the setuid fusermount3; a private mount namespace
+# keeps the host's /dev/fuse as it is.
+open_fuse=$scratch/open-fuse
+cat > "$open_fuse" <<EOF
+#!/bin/sh
+exec unshare -m sh -c 'mount -t tmpfs none "$scratch/dev" && mknod -m 666 "$scratch/dev/fuse" c $(stat -c '%Hr %Lr' /dev/fuse) &&
+    mount --bind "$scratch/dev/fuse" /dev/fuse && exec "\$@"' - "\$@"
+EOF
+chmod 755 "$open_fuse" && mkdir "$scratch/dev"
 args=(one "two words" "it's \"quoted\"" "" "--appimage-not-ours" '$HOME *')
 
-# Running AppRun: NAME;USER;MOUNTED(1/0);STDERR-LINES;PROGRAM;FIRST-ARGUMENT;VAR=VALUE
-while IFS=';' read -r name user mounted errlines program first vars; do
+# Running AppRun: NAME;USER;MOUNTED(1/0);STDERR-LINES;PROGRAM;FIRST-ARGUMENT;VAR=VALUE;WRAPPER
+while IFS=';' read -r name user mounted errlines program first vars wrapper; do
     fresh_tmp "$user"
     mkdir -p "$scratch/run/$name" && cd "$scratch/run/$name" || exit 1
-    env PATH="$scratch/decoy:$PATH" TMPDIR="$scratch/tmp" ${vars:+"$vars"} timeout 60 \
+    env PATH="$scratch/decoy:$PATH" TMPDIR="$scratch/tmp" ${vars:+"$vars"} timeout 60 $wrapper \
         setpriv --reuid="$user" --regid="$user" --clear-groups "$program" ${first:+"$first"} "${args[@]}" > out 2> err
     check "$name: exit status of AppRun" [ $? = 7 ]
     appdir=$(sed -n 's/^appdir=//p' out)
@@ -84,6 +94,7 @@ mount-as-root;0;1;0;$scratch/test.AppImage;;
 gzip-image;0;1;0;$scratch/gzip.AppImage;;
 blanks-in-path;0;1;0;$scratch/with blanks/my app.AppImage;;
 extract-as-nobody;65534;0;1;$scratch/test.AppImage;;
+mount-as-nobody;65534;1;0;$scratch/test.AppImage;;;$open_fuse
 extract-and-run-env;0;0;0;$scratch/test.AppImage;;APPIMAGE_EXTRACT_AND_RUN=1
 extract-and-run-option;0;0;0;$scratch/test.AppImage;--appimage-extract-and-run;
 target-appimage;0;1;0;$scratch/bare;;TARGET_APPIMAGE=$scratch/test.AppImage
@@ -91,13 +102,13 @@ EOF
 check "extract-as-nobody: the one line says why" grep -q "/dev/fuse.*extracting" "$scratch/run/extract-as-nobody/err"
 check "no host squashfuse was run" [ ! -e "$scratch/decoy-used" ]
 
-# Stopping: MODE USER SIGNAL WHOM; the runtime's status must be 128 + SIGNAL and nothing left.
+# Stopping: MODE USER SIGNAL WHOM [WRAPPER]; the runtime's status must be 128 + SIGNAL and nothing left.
 hold=$scratch/fifo/hold
-while read -r mode user signal whom; do
+while read -r mode user signal whom wrapper; do
     fresh_tmp "$user"
     rm -f "$hold" "$hold.pid" && mkfifo -m 666 "$hold"
     # Background jobs of a script ignore SIGINT; the runtime must get it as from a terminal.
-    env --default-signal HOLD="$hold" TMPDIR="$scratch/tmp" setpriv --reuid="$user" --regid="$user" --clear-groups "$scratch/test.AppImage" >/dev/null 2>&1 &
+    env --default-signal HOLD="$hold" TMPDIR="$scratch/tmp" $wrapper setpriv --reuid="$user" --regid="$user" --clear-groups "$scratch/test.AppImage" >/dev/null 2>&1 &
     pid=$!
     check "$mode $signal $whom: AppRun started" wait_for test -s "$hold.pid"
     if [ "$whom" = runtime ]; then kill -s "$signal" "$pid"; else kill -s "$signal" "$(cat "$hold.pid")"; fi
@@ -110,6 +121,8 @@ mount 0 TERM runtime
 mount 0 INT runtime
 mount 0 HUP runtime
 mount 0 KILL AppRun
+mount-nobody 65534 TERM runtime $open_fuse
+mount-nobody 65534 KILL AppRun $open_fuse
 extract 65534 TERM runtime
 extract 65534 KILL AppRun
 EOF
