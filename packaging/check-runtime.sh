@@ -155,7 +155,7 @@ make_appimage "$scratch/signed" "$app" "$scratch/signed.AppImage"
 
 # Options: NAME;STATUS;PATTERN IN STDOUT AND STDERR;COMMAND (words without blanks)
 size=$(stat -c %s "$runtime")
-cd "$scratch/run" || exit 1
+cd "$scratch/run" && fresh_tmp 65534 || exit 1
 while IFS=';' read -r name status pattern command; do
     # shellcheck disable=SC2086 # the command's words
     timeout 20 $command > "$scratch/option.out" 2>&1
@@ -169,10 +169,12 @@ done <<EOF
 --appimage-signature;0;^-----BEGIN PGP SIGNATURE-----\$;$scratch/signed.AppImage --appimage-signature
 empty update information;0;^\$;$scratch/test.AppImage --appimage-updateinformation
 unknown option;1;unknown option --appimage-frobnicate;$scratch/test.AppImage --appimage-frobnicate
+--appimage-mount without FUSE;1;cannot mount the image: /dev/fuse;env TMPDIR=$scratch/tmp setpriv --reuid=65534 --regid=65534 --clear-groups $scratch/test.AppImage --appimage-mount
 TARGET_APPIMAGE offset;0;^$size\$;env TARGET_APPIMAGE=$scratch/test.AppImage $scratch/bare --appimage-offset
 TARGET_APPIMAGE signature;0;^-----BEGIN PGP;env TARGET_APPIMAGE=$scratch/signed.AppImage $scratch/bare --appimage-signature
 TARGET_APPIMAGE extract;0;^squashfs-root\$;env TARGET_APPIMAGE=$scratch/test.AppImage $scratch/bare --appimage-extract
 EOF
+check "options: nothing left in TMPDIR" clean_tmp
 check "--appimage-extract: the image's files" diff -r "$app" squashfs-root
 check "--appimage-extract: AppRun executable" test -x squashfs-root/AppRun
 mkdir "$scratch/run/pattern" && cd "$scratch/run/pattern" && "$scratch/test.AppImage" --appimage-extract 'sub/*' >/dev/null

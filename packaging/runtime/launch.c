@@ -23,20 +23,6 @@ void launch_hold_signals(void)
     sigprocmask(SIG_BLOCK, &g_held, &g_before);
 }
 
-int launch_start(char* const argv[])
-{
-    pid_t pid = fork();
-    if (pid == 0) {
-        sigprocmask(SIG_SETMASK, &g_before, NULL);
-        execv(argv[0], argv);
-        fprintf(stderr, "tavelin-runtime: cannot start %s: %s\n", argv[0], strerror(errno));
-        _exit(127);
-    }
-    if (pid < 0)
-        fprintf(stderr, "tavelin-runtime: cannot start %s: %s\n", argv[0], strerror(errno));
-    return pid;
-}
-
 /* Every SIGCHLD may stand for several, so the child is asked for directly. */
 static int ended(pid_t child, int* code)
 {
@@ -47,10 +33,13 @@ static int ended(pid_t child, int* code)
     return 1;
 }
 
-int launch_wait(int child, struct mount* mount)
+/* Serves mount and passes stop signals on to child, until it ends; without a child, until the first stop signal. */
+static int serve_and_wait(pid_t child, struct mount* mount)
 {
     int signals = signalfd(-1, &g_held, SFD_CLOEXEC), code = 1;
     struct pollfd waits[2] = {{.fd = signals, .events = POLLIN}, {.fd = mount ? mount_fd(mount) : -1, .events = POLLIN}};
+    if (signals < 0)
+        fprintf(stderr, "tavelin-runtime: cannot wait for signals: %s\n", strerror(errno));
     while (signals >= 0 && !ended(child, &code)) {
         if (poll(waits, 2, -1) < 0 && errno != EINTR)
             break;
@@ -65,8 +54,34 @@ int launch_wait(int child, struct mount* mount)
         }
         kill(child, (int)info.ssi_signo);
     }
-    if (signals < 0)
-        fprintf(stderr, "tavelin-runtime: cannot wait for signals: %s\n", strerror(errno));
-    close(signals);
+    if (signals >= 0)
+        close(signals);
     return code;
+}
+
+int launch_run(char* const argv[], struct mount* mount)
+{
+    sigset_t stops = g_held;
+    sigdelset(&stops, SIGCHLD);
+    const struct timespec now = {0, 0};
+    int early = sigtimedwait(&stops, NULL, &now);
+    if (early > 0)
+        return 128 + early;
+    pid_t child = fork();
+    if (child == 0) {
+        sigprocmask(SIG_SETMASK, &g_before, NULL);
+        execv(argv[0], argv);
+        fprintf(stderr, "tavelin-runtime: cannot start %s: %s\n", argv[0], strerror(errno));
+        _exit(127);
+    }
+    if (child < 0) {
+        fprintf(stderr, "tavelin-runtime: cannot start %s: %s\n", argv[0], strerror(errno));
+        return 1;
+    }
+    return serve_and_wait(child, mount);
+}
+
+void launch_serve_until_stopped(struct mount* mount)
+{
+    serve_and_wait(-1, mount);
 }

@@ -5,10 +5,10 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 struct mount {
@@ -34,36 +34,43 @@ static const struct fuse_lowlevel_ops g_operations = {
     .create = sqfs_ll_op_create,
 };
 
-static char g_last_message[200];
-
-/* libfuse's messages are kept, not printed: the caller says why in one line. */
-static void keep_message(enum fuse_log_level level, const char* format, va_list arguments)
+/* The last line of what was written to fd, at most size - 1 bytes of it. */
+static void last_line(int fd, char* line, size_t size)
 {
-    (void)level;
-    vsnprintf(g_last_message, sizeof g_last_message, format, arguments);
-    g_last_message[strcspn(g_last_message, "\n")] = '\0';
+    off_t end = lseek(fd, 0, SEEK_CUR), start = end > (off_t)size - 1 ? end - (off_t)size + 1 : 0;
+    ssize_t got = end > 0 ? pread(fd, line, (size_t)(end - start), start) : 0;
+    line[got > 0 ? got : 0] = '\0';
+    while (got > 0 && line[got - 1] == '\n')
+        line[--got] = '\0';
+    char* newline = strrchr(line, '\n');
+    if (newline)
+        memmove(line, newline + 1, strlen(newline));
 }
 
-/* fusermount3 writes its complaints straight to stderr, so that is muted meanwhile. */
-static int mount_quietly(struct fuse_session* session, const char* dir)
+/* libfuse and fusermount3 complain on stderr; that is caught, and its last
+ * line becomes the reason, so that the caller says why in one line. */
+static int mount_catching_stderr(struct fuse_session* session, const char* dir, char* why, size_t size)
 {
     fflush(stderr);
-    int saved = dup(STDERR_FILENO), null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (saved >= 0 && null >= 0)
-        dup2(null, STDERR_FILENO);
+    int saved = dup(STDERR_FILENO), catcher = memfd_create("tavelin-runtime-stderr", MFD_CLOEXEC);
+    int caught = saved >= 0 && catcher >= 0 && dup2(catcher, STDERR_FILENO) >= 0;
     int result = fuse_session_mount(session, dir);
-    if (saved >= 0 && null >= 0)
+    why[0] = '\0';
+    if (caught) {
         dup2(saved, STDERR_FILENO);
-    if (saved >= 0)
-        close(saved);
-    if (null >= 0)
-        close(null);
+        last_line(catcher, why, size);
+    }
+    if (!why[0])
+        snprintf(why, size, "the mount failed");
+    close(saved);
+    close(catcher);
     return result;
 }
 
 static struct mount* give_up(struct mount* mount, char* why, size_t size, const char* reason)
 {
-    snprintf(why, size, "%s", g_last_message[0] ? g_last_message : reason);
+    if (reason)
+        snprintf(why, size, "%s", reason);
     if (mount->session)
         fuse_session_destroy(mount->session);
     if (mount->ll)
@@ -83,7 +90,6 @@ struct mount* mount_open(const struct image* image, const char* dir, char* why, 
         snprintf(why, size, "%s", strerror(errno));
         return NULL;
     }
-    fuse_set_log_func(keep_message);
     mount->ll = sqfs_ll_open(image->path, (size_t)image->offset);
     if (!mount->ll)
         return give_up(mount, why, size, "squashfuse cannot read the image");
@@ -94,8 +100,8 @@ struct mount* mount_open(const struct image* image, const char* dir, char* why, 
     mount->session = fuse_session_new(&args, &g_operations, sizeof g_operations, mount->ll);
     if (!mount->session)
         return give_up(mount, why, size, "libfuse refused the options");
-    if (mount_quietly(mount->session, dir) != 0)
-        return give_up(mount, why, size, "the mount failed");
+    if (mount_catching_stderr(mount->session, dir, why, size) != 0)
+        return give_up(mount, why, size, NULL);
     fcntl(fuse_session_fd(mount->session), F_SETFD, FD_CLOEXEC);
     return mount;
 }

@@ -88,9 +88,9 @@ static int run_apprun(const char* dir, char** args, struct mount* mount)
         return 1;
     argv[0] = apprun;
     memcpy(argv + 1, args, count * sizeof *argv);
-    int child = launch_start(argv);
+    int status = launch_run(argv, mount);
     free(argv);
-    return child < 0 ? 1 : launch_wait(child, mount);
+    return status;
 }
 
 /* Mounts where FUSE allows, extracts otherwise, and always cleans up after AppRun. */
@@ -145,7 +145,7 @@ static int mount_and_wait(const struct image* image)
     }
     printf("%s\n", dir);
     fflush(stdout);
-    launch_wait(-1, mount);
+    launch_serve_until_stopped(mount);
     mount_close(mount);
     rmdir(dir);
     return 0;
