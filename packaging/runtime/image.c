@@ -74,6 +74,15 @@ int image_open_squashfs(const struct image* image, sqfs* fs, const char* require
     return 0;
 }
 
+int image_check_squashfs(const struct image* image, const char* required)
+{
+    sqfs fs;
+    if (image_open_squashfs(image, &fs, required) != 0)
+        return -1;
+    sqfs_destroy(&fs);
+    return 0;
+}
+
 int image_print_section(const struct image* image, const char* name)
 {
     uint64_t offset = 0, size = 0;

@@ -22,5 +22,8 @@ int image_open(struct image* image, const char* path);
  * Returns 0, or -1 after saying what is wrong; sqfs_destroy() it after use. */
 int image_open_squashfs(const struct image* image, sqfs* fs, const char* required);
 
+/* The same, closing the image again: for the checks before a mount. */
+int image_check_squashfs(const struct image* image, const char* required);
+
 /* Prints the text kept in the ELF section called name. Returns 0 or -1. */
 int image_print_section(const struct image* image, const char* name);

@@ -96,12 +96,10 @@ static int run_apprun(const char* dir, char** args, struct mount* mount)
 /* Mounts where FUSE allows, extracts otherwise, and always cleans up after AppRun. */
 static int run(const struct image* image, char* argv0, char** args, int extract)
 {
-    sqfs fs;
     char dir[PATH_MAX], why[256];
     struct mount* mount = NULL;
-    if (image_open_squashfs(image, &fs, "AppRun") != 0)
+    if (image_check_squashfs(image, "AppRun") != 0)
         return 1;
-    sqfs_destroy(&fs);
     launch_hold_signals();
     if (!extract && make_private_dir(dir, sizeof dir, ".mount_tavelin") == 0) {
         mount = mount_open(image, dir, why, sizeof why);
@@ -129,11 +127,9 @@ static int run(const struct image* image, char* argv0, char** args, int extract)
 
 static int mount_and_wait(const struct image* image)
 {
-    sqfs fs;
     char dir[PATH_MAX], why[256];
-    if (image_open_squashfs(image, &fs, NULL) != 0)
+    if (image_check_squashfs(image, NULL) != 0)
         return 1;
-    sqfs_destroy(&fs);
     launch_hold_signals();
     if (make_private_dir(dir, sizeof dir, ".mount_tavelin") != 0)
         return 1;
@@ -194,6 +190,12 @@ static int on(const char* env)
     return value && *value && strcmp(value, "0") != 0;
 }
 
+/* The standard variable, and the name older documentation of ours gave it. */
+static int extract_and_run_wanted(void)
+{
+    return on("APPIMAGE_EXTRACT_AND_RUN") || on("TAVELIN_APPIMAGE_EXTRACT_AND_RUN");
+}
+
 int main(int argc, char* argv[])
 {
     const char* option = argc > 1 && strncmp(argv[1], g_prefix, sizeof g_prefix - 1) == 0 ? known_option(argv[1]) : "";
@@ -216,6 +218,6 @@ int main(int argc, char* argv[])
         return extract_here(&image, argc > 2 ? argv[2] : NULL);
     if (strcmp(option, "mount") == 0)
         return mount_and_wait(&image);
-    int extract = *option || on("APPIMAGE_EXTRACT_AND_RUN") || on("TAVELIN_APPIMAGE_EXTRACT_AND_RUN");
-    return run(&image, argv[0], argv + 1 + (*option != 0), extract);
+    int extract_and_run = strcmp(option, "extract-and-run") == 0;
+    return run(&image, argv[0], argv + 1 + extract_and_run, extract_and_run || extract_and_run_wanted());
 }
