@@ -10,28 +10,26 @@
 #include <functional>
 #include <memory>
 
-#include <fcntl.h>
 #include <pwd.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 
 using namespace TestSupport;
 
 namespace {
 
-// Records its arguments, one a line with "--" after them, then acts on the
-// mode file: "run" runs them, "wait" exits with the code written to the FIFO
-// "release", and a number exits with it.
-const char kStandIn[] = R"(#!/bin/bash
+// Records its arguments as one line, each ended by a unit separator, then acts
+// on the mode file: "run" runs them, "wait" exits with the code that appears
+// in the file "release", and a number exits with it.
+const char kStandIn[] = R"SH(#!/bin/bash
 dir=$TAVELIN_STANDIN_DIR
-{ printf '%s\n' "$@"; printf -- '--\n'; } >> "$dir/calls"
+{ printf '%s\037' "$@"; echo; } >> "$dir/calls"
 mode=$(< "$dir/mode")
 case $mode in
 run) exec "$@" ;;
-wait) read -r code < "$dir/release"; exit "$code" ;;
+wait) until [ -s "$dir/release" ]; do sleep 0.02; done; exit "$(< "$dir/release")" ;;
 *) exit "$mode" ;;
 esac
-)";
+)SH";
 
 // The "AppImage" an accepted launch starts: it notes its FORKPID and ends with 0.
 const char kAppImage[] = "#!/bin/sh\necho \"$FORKPID\" > \"$TAVELIN_STANDIN_DIR/started\"\n";
@@ -77,7 +75,6 @@ private slots:
         // Without pkexec, bash must still be found; without bash, nothing is.
         QVERIFY(QDir().mkpath(path("nopkexec")) && QDir().mkpath(path("nobash")) && QDir().mkpath(path("standin")));
         QVERIFY(QFile::link("/bin/bash", path("nopkexec/bash")) && QFile::link("/usr/bin/env", path("nopkexec/env")));
-        QCOMPARE(mkfifo(QFile::encodeName(path("standin/release")).constData(), 0600), 0);
         qputenv("TAVELIN_STANDIN_DIR", QFile::encodeName(path("standin")));
         qputenv("HOME", QFile::encodeName(tmp.path()));
         qputenv("DISPLAY", ":97");
@@ -87,6 +84,7 @@ private slots:
     {
         QFile::remove(path("standin/calls"));
         QFile::remove(path("standin/started"));
+        QFile::remove(path("standin/release"));
         qputenv("PATH", QFile::encodeName(path("bin")) + ":/usr/bin:/bin");
         qputenv("APPIMAGE", QFile::encodeName(path("work/Demo.AppImage")));
         qputenv("XAUTHORITY", QFile::encodeName(path("xauthority")));
@@ -181,7 +179,7 @@ private slots:
         if (bStrays && (strays << fork()).last() == 0)
             _exit(0);
 
-        QVERIFY(release(code));
+        QVERIFY(writeFile(path("standin/release"), code));
         QCOMPARE(runLoopUntil([this] { return !window->isMinimized(); }), code == "0" ? int(byWizard) : int(byCondition));
         QCOMPARE(recordedCalls().size(), 1 + bStrays);
         for (pid_t stray : strays) {
@@ -202,27 +200,10 @@ private:
 
     QList<QStringList> recordedCalls() const
     {
-        QList<QStringList> calls{{}};
-        for (const QString& strLine : QString::fromLocal8Bit(readFile(path("standin/calls"))).split('\n')) {
-            if (strLine == QLatin1String("--"))
-                calls.append(QStringList());
-            else if (!strLine.isEmpty())
-                calls.last().append(strLine);
-        }
-        calls.removeLast();
+        QList<QStringList> calls;
+        for (const QString& strLine : QString::fromLocal8Bit(readFile(path("standin/calls"))).split('\n', Qt::SkipEmptyParts))
+            calls << strLine.split(QChar(0x1f), Qt::SkipEmptyParts);
         return calls;
-    }
-
-    bool release(const QByteArray& code) const
-    {
-        // The stand-in opens the FIFO only after it has recorded its call.
-        int fd = -1;
-        const QByteArray baFifo = QFile::encodeName(path("standin/release"));
-        if (!QTest::qWaitFor([&] { return (fd = open(baFifo.constData(), O_WRONLY | O_NONBLOCK)) >= 0; }, 20000))
-            return false;
-        const bool bWritten = write(fd, code + '\n', size_t(code.size() + 1)) == code.size() + 1;
-        close(fd);
-        return bWritten;
     }
 
     QString path(const QString& strName) const { return tmp.filePath(strName); }

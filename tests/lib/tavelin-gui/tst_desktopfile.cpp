@@ -84,7 +84,7 @@ private slots:
         DTavelinGuiConfig::getInstance().setTargetInstallDir("/opt/demo 2");
         QVERIFY(writeFile(dst(), "Exec=old\n"));
         QVERIFY(writeFile(src(), "Name=Demo\nName[zh_CN]=演示\nGenericName=Tool\nExec=/usr/bin/demo --new %U\n"
-                                 "Exec=demo \"%f\"\nExec=\"%f\"\nExec=演示 --new %U\nTryExec=demo\n"));
+                                 "Exec=demo \"%f\"\nExec=\"%f\"\nExec=演示 --new %U\nExec=\"demo\" %u\nExec=demo\"\nTryExec=demo\n"));
 
         QVERIFY(window.copyDesktopFile(src(), dst()));
         QCOMPARE(readFile(dst()), QByteArray("Exec=old\n"));
@@ -95,7 +95,8 @@ private slots:
         QCOMPARE(DTavelinGuiConfig::getInstance().getTargetDesktopFilePath(), strNewPath);
         QCOMPARE(readFile(strNewPath), QByteArray("Name=Demo(/opt/demo 2)\nName[zh_CN]=演示(/opt/demo 2)\nGenericName=Tool\n"
                                                   "Exec=\"/opt/demo 2//bin/demo\" %U\nExec=\"/opt/demo 2//bin/demo\" \"%f\"\n"
-                                                  "Exec=\"/opt/demo 2//bin/demo\" \"%f\"\nExec=\"/opt/demo 2//bin/demo\" %U\nTryExec=demo\n"));
+                                                  "Exec=\"/opt/demo 2//bin/demo\" \"%f\"\nExec=\"/opt/demo 2//bin/demo\" %U\n"
+                                                  "Exec=\"/opt/demo 2//bin/demo\" %u\nExec=\"/opt/demo 2//bin/demo\" \nTryExec=demo\n"));
     }
 
     void destinationCases_data()
@@ -138,26 +139,6 @@ private slots:
             QCOMPARE(QDir(tmpDir.path() + "/apps").entryList(QDir::Files), apps);
         else
             QCOMPARE(readFile(dst()), QByteArray("Exec=old\r\n"));
-    }
-
-    void calcFieldCodesPos_data()
-    {
-        QTest::addColumn<QString>("value");
-        QTest::addColumn<int>("position");
-        QTest::newRow("no field code") << "demo --new" << -1;
-        QTest::newRow("plain field code") << "demo --new %U" << 11;
-        QTest::newRow("quoted field code starts at the quote") << "demo \"%f\"" << 5;
-        QTest::newRow("quote and percent first") << "\"%f\"" << 0;
-        QTest::newRow("any percent stops the scan") << "a%b" << 1;
-        QTest::newRow("quote not followed by percent") << "\"demo\" %u" << 7;
-        QTest::newRow("quote at the very end") << "demo\"" << -1;
-        QTest::newRow("characters, not bytes, before it") << "演示 --new %U" << 9;
-    }
-
-    void calcFieldCodesPos()
-    {
-        QFETCH(QString, value);
-        QTEST(MainWindow::calcFieldCodesPos(value), "position");
     }
 
 private:

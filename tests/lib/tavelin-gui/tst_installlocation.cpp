@@ -6,7 +6,6 @@
 #include <QLineEdit>
 #include <QPushButton>
 #include <QScopeGuard>
-#include <QShowEvent>
 #include <QTemporaryDir>
 #include <QTimer>
 #include <QtTest>
@@ -111,20 +110,15 @@ private slots:
         editInstallDir->clear();
         QTest::keyClicks(editInstallDir, "no-such-dir");
         QVERIFY(createEnabled());
-        QShowEvent event;
-        QApplication::sendEvent(wizard.get(), &event);
-        QVERIFY(!createEnabled());
-
         // Hidden and shown again, as on a restore from minimised.
-        setLocation("@");
         wizard->hide();
         wizard->show();
-        QVERIFY(createEnabled());
+        QVERIFY(!createEnabled());
         // The page judges when it is shown, without the window's show event.
         page->hide();
-        setLocation("");
+        setLocation("@");
         page->show();
-        QVERIFY(!createEnabled());
+        QVERIFY(createEnabled());
     }
 
     void deselectsOnlyOnce()
