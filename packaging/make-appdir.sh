@@ -89,6 +89,43 @@ for elf in "$appdir/usr/bin/tavelin-gui" "$appdir"/usr/lib/*.so* "$appdir"/usr/p
     strip --strip-unneeded "$elf" || die "strip failed on $elf"
 done
 
+# ICU's data is half the AppDir, most of it every language's names, units,
+# calendars and collations. The wizard speaks Chinese and its file dialog sorts
+# names, so the root data, the codecs, the dictionaries and the English and
+# Chinese locales stay; the other locales are cut with icupkg and the freed
+# tail zeroed in place, which squashfs stores as nothing. The library keeps its
+# layout, so no compiler is needed.
+thin_icu_data() { # library
+    local lib=$1 value size ndx symbol addr offset start scratch thin
+    read -r value size ndx symbol < <(readelf -sW "$lib" | awk '$8 ~ /^icudt[0-9]+_dat$/ { print $2, $3, $7, $8; exit }')
+    [ -n "${value:-}" ] || die "$lib holds no icudt*_dat symbol"
+    read -r addr offset < <(readelf -SW "$lib" | sed -n "s/^ *\[ *$ndx\] [^ ]* *[A-Z_]* *\([0-9a-f]*\) \([0-9a-f]*\) .*/\1 \2/p")
+    start=$((16#$value - 16#$addr + 16#$offset)) size=$((size))
+    # icupkg takes the package's name (icudt72l) from the file's.
+    scratch=$(mktemp -d)
+    local full=$scratch/${symbol%_dat}l.dat thinned=$scratch/thin/${symbol%_dat}l.dat
+    mkdir "$scratch/thin"
+    tail -c +$((start + 1)) "$lib" | head -c "$size" > "$full"
+    # Locale bundles are named like de, de_AT or zh_Hant_HK; Cantonese stays for zh_Hant_HK.
+    icupkg -l "$full" | grep -E '(^|/)[a-z]{2,3}(_[A-Za-z0-9_]*)?\.res$' \
+        | grep -Ev '(^|/)(res_index|(en|zh|yue)(_[A-Za-z0-9_]+)?)\.res$' > "$scratch/drop.txt" || true
+    icupkg -r "$scratch/drop.txt" "$full" "$thinned" >/dev/null || die "icupkg failed on $lib"
+    thin=$(stat -c %s "$thinned")
+    [ "$thin" -le "$size" ] || die "the thinned ICU data of $lib grew"
+    { cat "$thinned"; head -c $((size - thin)) /dev/zero; } \
+        | dd of="$lib" bs=1M seek="$start" oflag=seek_bytes conv=notrunc status=none
+    echo "make-appdir: $(basename "$lib"): ICU data $size -> $thin bytes ($(wc -l < "$scratch/drop.txt") items dropped)"
+    rm -rf "$scratch"
+}
+for lib in "$appdir"/usr/lib/libicudata.so.*; do
+    [ -f "$lib" ] || continue
+    if command -v icupkg >/dev/null; then
+        thin_icu_data "$lib"
+    else
+        echo "make-appdir: icupkg not found (Debian package icu-devtools): ICU's data is carried whole" >&2
+    fi
+done
+
 patchelf --set-rpath '$ORIGIN/../lib' "$appdir/usr/bin/tavelin-gui"
 for lib in "$appdir"/usr/lib/*.so*; do
     patchelf --set-rpath '$ORIGIN' "$lib"
