@@ -105,7 +105,7 @@ thin_icu_data() { # library
     scratch=$(mktemp -d)
     local full=$scratch/${symbol%_dat}l.dat thinned=$scratch/thin/${symbol%_dat}l.dat
     mkdir "$scratch/thin"
-    tail -c +$((start + 1)) "$lib" | head -c "$size" > "$full"
+    dd if="$lib" of="$full" bs=1M iflag=skip_bytes,count_bytes skip="$start" count="$size" status=none
     # Locale bundles are named like de, de_AT or zh_Hant_HK; Cantonese stays for zh_Hant_HK.
     icupkg -l "$full" | grep -E '(^|/)[a-z]{2,3}(_[A-Za-z0-9_]*)?\.res$' \
         | grep -Ev '(^|/)(res_index|(en|zh|yue)(_[A-Za-z0-9_]+)?)\.res$' > "$scratch/drop.txt" || true
