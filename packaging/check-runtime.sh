@@ -16,8 +16,11 @@ chmod 755 "$scratch"
 export HOME=$scratch/home
 mkdir -p "$HOME" "$scratch/outside" "$scratch/decoy" "$scratch/fifo" "$scratch/run" && chmod 777 "$scratch/fifo"
 passed=0 failed=0
-check() { # NAME COMMAND...: one result
-    if "${@:2}"; then passed=$((passed + 1)); else failed=$((failed + 1)); echo "check-runtime: FAIL: $1" >&2; fi
+check() { # NAME COMMAND...: one result, and the command's success as the status
+    if "${@:2}"; then passed=$((passed + 1)); return 0; fi
+    failed=$((failed + 1))
+    echo "check-runtime: FAIL: $1" >&2
+    return 1
 }
 # Polls up to 20 s for COMMAND to succeed.
 wait_for() { for _ in $(seq 200); do "$@" && return 0; sleep 0.1; done; return 1; }

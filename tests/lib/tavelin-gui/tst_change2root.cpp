@@ -19,14 +19,15 @@ namespace {
 
 // Records its arguments as one line, each ended by a unit separator, then acts
 // on the mode file: "run" runs them, "wait" exits with the code that appears
-// in the file "release", and a number exits with it.
+// in the file "release" (or with 1 once the test's directory is gone), and a
+// number exits with it.
 const char kStandIn[] = R"SH(#!/bin/bash
 dir=$TAVELIN_STANDIN_DIR
 { printf '%s\037' "$@"; echo; } >> "$dir/calls"
 mode=$(< "$dir/mode")
 case $mode in
 run) exec "$@" ;;
-wait) until [ -s "$dir/release" ]; do sleep 0.02; done; exit "$(< "$dir/release")" ;;
+wait) while [ ! -s "$dir/release" ] && [ -d "$dir" ]; do sleep 0.02; done; exit "$(cat "$dir/release" 2>/dev/null || echo 1)" ;;
 *) exit "$mode" ;;
 esac
 )SH";
