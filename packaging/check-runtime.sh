@@ -115,7 +115,8 @@ while read -r mode user signal whom wrapper; do
     pid=$!
     check "$mode $signal $whom: AppRun started" wait_for test -s "$hold.pid"
     if [ "$whom" = runtime ]; then kill -s "$signal" "$pid"; else kill -s "$signal" "$(cat "$hold.pid")"; fi
-    check "$mode $signal $whom: the runtime ends" wait_for ended "$pid" || kill -9 "$pid"
+    # A runtime that kept AppRun from the signal leaves both to be killed here.
+    check "$mode $signal $whom: the runtime ends" wait_for ended "$pid" || kill -9 "$pid" "$(cat "$hold.pid")"
     wait "$pid"
     check "$mode $signal $whom: status 128 + $signal" [ $? = $((128 + $(kill -l "$signal"))) ]
     check "$mode $signal $whom: nothing left" clean_tmp
