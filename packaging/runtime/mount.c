@@ -2,9 +2,13 @@
 #include <ll.h>
 
 #include "mount.h"
+#include "prefetch.h"
+#include "preload.h"
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
+#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -15,15 +19,61 @@ struct mount {
     struct fuse_session* session;
     sqfs_ll* ll;
     struct fuse_buf buffer;
+    const char* image;
+    size_t offset;
+    char dir[PATH_MAX];
+    char* bytes; /* a read's answer */
+    size_t bytes_size;
 };
+
+/* squashfuse's operations take the request's user data to be its own, so
+ * the one mount a runtime serves keeps the rest here. */
+static struct mount* g_mount;
+static struct prefetch* g_prefetch;
+static struct preload* g_preload;
+
+static void open_file(fuse_req_t request, fuse_ino_t ino, struct fuse_file_info* file)
+{
+    /* The image never changes: what the page cache holds stays good. */
+    file->keep_cache = 1;
+    sqfs_ll_op_open(request, ino, file);
+    if (file->fh && g_prefetch)
+        prefetch_file(g_prefetch, ino, (const sqfs_inode*)(intptr_t)file->fh);
+}
+
+/* Reads through the prefetcher where there is one, so that no block is
+ * decompressed twice; squashfuse's own read otherwise. */
+static void read_file(fuse_req_t request, fuse_ino_t ino, size_t size, off_t offset, struct fuse_file_info* file)
+{
+    if (!g_prefetch) {
+        sqfs_ll_op_read(request, ino, size, offset, file);
+        return;
+    }
+    if (size > g_mount->bytes_size) {
+        char* grown = realloc(g_mount->bytes, size);
+        if (!grown) {
+            fuse_reply_err(request, ENOMEM);
+            return;
+        }
+        g_mount->bytes = grown;
+        g_mount->bytes_size = size;
+    }
+    sqfs_ll* ll = fuse_req_userdata(request);
+    sqfs_inode* inode = (sqfs_inode*)(intptr_t)file->fh;
+    ssize_t got = prefetch_read(g_prefetch, &ll->fs, ino, inode, (uint64_t)offset, size, g_mount->bytes);
+    if (got < 0)
+        fuse_reply_err(request, EIO);
+    else
+        fuse_reply_buf(request, g_mount->bytes, (size_t)got);
+}
 
 static const struct fuse_lowlevel_ops g_operations = {
     .lookup = sqfs_ll_op_lookup,
     .forget = sqfs_ll_op_forget,
     .getattr = sqfs_ll_op_getattr,
     .readlink = sqfs_ll_op_readlink,
-    .open = sqfs_ll_op_open,
-    .read = sqfs_ll_op_read,
+    .open = open_file,
+    .read = read_file,
     .release = sqfs_ll_op_release,
     .opendir = sqfs_ll_op_opendir,
     .readdir = sqfs_ll_op_readdir,
@@ -103,7 +153,19 @@ struct mount* mount_open(const struct image* image, const char* dir, char* why, 
     if (mount_catching_stderr(mount->session, dir, why, size) != 0)
         return give_up(mount, why, size, NULL);
     fcntl(fuse_session_fd(mount->session), F_SETFD, FD_CLOEXEC);
+    snprintf(mount->dir, sizeof mount->dir, "%s", dir);
+    mount->image = image->path;
+    mount->offset = (size_t)image->offset;
+    g_mount = mount;
     return mount;
+}
+
+void mount_prefetch(struct mount* mount)
+{
+    if (!g_prefetch)
+        g_prefetch = prefetch_start(mount->image, mount->offset, mount->session);
+    if (g_prefetch && !g_preload)
+        g_preload = preload_start(mount->dir);
 }
 
 int mount_fd(const struct mount* mount)
@@ -122,11 +184,27 @@ int mount_serve(struct mount* mount)
     return 0;
 }
 
+/* Waits a little for a request, so that stopping the prefetcher never spins. */
+static void serve_a_while(void* context)
+{
+    struct pollfd request = {.fd = mount_fd(context), .events = POLLIN};
+    if (poll(&request, 1, 10) > 0)
+        mount_serve(context);
+}
+
 void mount_close(struct mount* mount)
 {
+    if (g_preload)
+        preload_stop(g_preload, serve_a_while, mount);
+    g_preload = NULL;
+    if (g_prefetch)
+        prefetch_stop(g_prefetch, serve_a_while, mount);
+    g_prefetch = NULL;
+    g_mount = NULL;
     fuse_session_unmount(mount->session);
     fuse_session_destroy(mount->session);
     sqfs_ll_destroy(mount->ll);
     free(mount->buffer.mem);
+    free(mount->bytes);
     free(mount);
 }

@@ -11,6 +11,9 @@ struct mount;
  * the reason in why when FUSE cannot be used; prints nothing itself. */
 struct mount* mount_open(const struct image* image, const char* dir, char* why, size_t size);
 
+/* Starts decompressing files ahead of the reads, in a thread. */
+void mount_prefetch(struct mount* mount);
+
 /* The descriptor that polls readable when the kernel has a request. */
 int mount_fd(const struct mount* mount);
 

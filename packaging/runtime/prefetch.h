@@ -1,0 +1,36 @@
+#pragma once
+
+/* squashfuse's headers set the POSIX level and the FUSE API version first. */
+#include <ll.h>
+
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/types.h>
+
+/* Decompression ahead of the reader. A program started from the mount
+ * faults its libraries in a few pages at a time, each fault waiting for a
+ * block to be decompressed; a thread of the runtime decompresses each file
+ * as soon as it is opened, on another core, and stores the pages in the
+ * kernel's page cache with FUSE's store notification. The last blocks
+ * either thread decompressed are kept, so that no block is decompressed
+ * twice. The thread has its own squashfuse instance: squashfuse's caches
+ * are not shared between threads. */
+struct prefetch;
+
+/* Starts the thread on the image at path. NULL when it cannot: the mount
+ * then simply serves every read itself. */
+struct prefetch* prefetch_start(const char* path, size_t offset, struct fuse_session* session);
+
+/* Queues the regular file just opened as ino. */
+void prefetch_file(struct prefetch* prefetch, fuse_ino_t ino, const sqfs_inode* inode);
+
+/* For the serving thread: size bytes of ino at offset into out, from blocks
+ * the thread already holds or else decompressed with fs. What the blocks
+ * hold beyond the bytes asked for goes to the page cache. Returns the
+ * number of bytes, short at the end of the file, or -1. */
+ssize_t prefetch_read(struct prefetch* prefetch, sqfs* fs, fuse_ino_t ino, sqfs_inode* inode, uint64_t offset,
+                      size_t size, char* out);
+
+/* Stops the thread and frees it. A store notification can wait for pages a
+ * read in the queue holds, so serve(context) answers requests meanwhile. */
+void prefetch_stop(struct prefetch* prefetch, void (*serve)(void* context), void* context);

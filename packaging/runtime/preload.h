@@ -1,0 +1,15 @@
+#pragma once
+
+/* The files an AppDir names in .tavelin-preload, one path a line, are opened
+ * through the mount as soon as it is up, in the order given, so that their
+ * decompression starts before the program asks for them: the program's own
+ * start takes a shell, two helpers and an exec. A thread of its own opens
+ * them, since the mount is served by the thread that starts it. */
+struct preload;
+
+/* Starts on the mount at dir; NULL when there is no thread for it. */
+struct preload* preload_start(const char* dir);
+
+/* Stops and frees it. Its opens wait for the mount, so serve(context)
+ * answers requests meanwhile. */
+void preload_stop(struct preload* preload, void (*serve)(void* context), void* context);
