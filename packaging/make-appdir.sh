@@ -134,6 +134,23 @@ for plugin in "$appdir"/usr/plugins/*/*.so; do
     patchelf --set-rpath '$ORIGIN/../../lib' "$plugin"
 done
 
+# Read ahead by the runtime as soon as the image is mounted, in the order the
+# wizard loads them: the wizard and its libraries as the loader finds them,
+# then the plugins Qt loads at start, with theirs.
+preload_list() {
+    local elf path
+    for elf in usr/bin/tavelin-gui usr/plugins/platforms/libqxcb.so usr/plugins/platformthemes/libqgtk3.so \
+               usr/plugins/imageformats/*.so usr/plugins/xcbglintegrations/libqxcb-glx-integration.so; do
+        [ -f "$elf" ] || continue
+        echo "$elf"
+        ldd "$elf" | awk '$2 == "=>" { print $3 }' | while read -r path; do
+            path=$(realpath -m --relative-to=. "$path")
+            case $path in usr/*) echo "$path" ;; esac
+        done
+    done | awk '!seen[$0]++'
+}
+(cd "$appdir" && preload_list) > "$appdir/.tavelin-preload"
+
 # The AppImage's own entry and icon: the installer, not the application.
 icon_name=tavelin-installer-$(basename "${app_icon%.*}")
 case $app_icon in
