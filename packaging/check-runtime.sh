@@ -146,6 +146,46 @@ wait "$pid"
 check "--appimage-mount: status 0" [ $? = 0 ]
 check "--appimage-mount: unmounted and removed" clean_tmp
 
+# Read-ahead: files decompressed ahead of the reader and stored in the page
+# cache read back as they went in, however their blocks are kept: stored
+# plain, compressed, as holes, with a fragment tail, past the size read
+# ahead. Each is opened before any is read, and read twice, so that pages
+# come both from reads and from the store. .tavelin-preload names them with
+# lines that must be passed over.
+ahead=$scratch/ahead
+mkdir -p "$ahead/files"
+cp "$app/AppRun" "$ahead/"
+head -c $((1024 * 1024 + 4097)) /dev/urandom > "$ahead/files/random"
+seq 1 150000 > "$ahead/files/text"
+{ head -c 262144 /dev/urandom; head -c 262144 /dev/zero; head -c 100000 /dev/urandom; } > "$ahead/files/holes"
+{ head -c 65536 /dev/urandom; head -c $((17 * 1024 * 1024)) /dev/zero; head -c 65536 /dev/urandom; } > "$ahead/files/big"
+echo tiny > "$ahead/files/tiny"
+mkfifo "$ahead/files/pipe"
+printf '%s\n' files/holes ../outside/x /etc/hostname files/pipe files/missing files/big files/random > "$ahead/.tavelin-preload"
+reads_back() { # MOUNT POINT
+    local name fds=()
+    for name in random text holes big tiny; do exec {fd}< "$1/files/$name" && fds+=("$fd"); done
+    for name in holes big text random tiny holes big text random tiny; do
+        cmp -s "$1/files/$name" "$ahead/files/$name" || return 1
+    done
+    for fd in "${fds[@]}"; do exec {fd}<&-; done
+}
+# Blocks of 128 KiB, as long as a read, and of 1 MiB, so that a read leaves
+# some of its blocks for the store.
+for block in 128K 1M; do
+    mksquashfs "$ahead" "$scratch/image" -noappend -quiet -b "$block" >/dev/null && cat "$runtime" "$scratch/image" \
+        > "$scratch/ahead.AppImage" && chmod 755 "$scratch/ahead.AppImage" && rm "$scratch/image"
+    fresh_tmp 0
+    env --default-signal TMPDIR="$scratch/tmp" "$scratch/ahead.AppImage" --appimage-mount > "$scratch/ahead.out" &
+    pid=$!
+    wait_for test -s "$scratch/ahead.out"
+    check "read-ahead, $block blocks: every file reads back as it went in" reads_back "$(head -n 1 "$scratch/ahead.out")"
+    kill -INT "$pid"
+    check "read-ahead, $block blocks: ends on SIGINT" wait_for ended "$pid" || kill -9 "$pid"
+    wait "$pid"
+    check "read-ahead, $block blocks: unmounted and removed" clean_tmp
+done
+
 # The sections the packer fills, read from the file by name.
 section() { readelf -SW "$1" | sed -n "s/^ *\[ *[0-9]*\] $2 *PROGBITS *[0-9a-f]* \([0-9a-f]*\) \([0-9a-f]*\) .*/\1 \2/p"; }
 sizes=$(for name in upd_info sha256_sig sig_key; do section "$runtime" "\.$name" | cut -d' ' -f2; done | tr '\n' ' ')

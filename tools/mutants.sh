@@ -228,6 +228,12 @@ mutant runtime-mount-point-left packaging/runtime/runtime.c \
 mutant runtime-extract-keeps-old-entry packaging/runtime/extract.c \
     's/if (unlinkat(dir, name, 0) != 0 \&\& errno != ENOENT)/if (0)/' \
     'check-runtime'
+mutant runtime-prefetch-wrong-block packaging/runtime/prefetch.c \
+    's/failed = read_block(prefetch, job, block, slot->data, \&size) != 0;/failed = read_block(prefetch, job, block ? block - 1 : 0, slot->data, \&size) != 0;/' \
+    'check-runtime'
+mutant runtime-read-leftover-misplaced packaging/runtime/prefetch-read.c \
+    's/keep_piece(prefetch, ino, start + to, held.data + to,/keep_piece(prefetch, ino, start + to, held.data,/' \
+    'check-runtime'
 
 if [ "${1:-}" = --list ]; then
     for i in "${!names[@]}"; do printf '%-36s %s\n' "${names[$i]}" "${files[$i]}"; done
