@@ -14,8 +14,11 @@ enum {
     /* Remembered after they are done, so that opening them again costs nothing. */
     DONE_FILES = 256,
     /* Blocks kept after decompression: enough for the reads that were
-     * already on their way when the thread stored their pages. */
-    SLOTS = 16,
+     * already on their way when the thread stored their pages; at most
+     * 4 MiB of them, all filled in at the start. */
+    MOST_SLOTS = 16,
+    LEAST_SLOTS = 4,
+    SLOT_BYTES = 4 << 20,
 };
 /* A bigger file is mostly data that start-up reads in a few places (ICU's
  * is 31 MB): decompressing all of it would hold up the files behind it. */
@@ -72,7 +75,8 @@ struct prefetch {
     size_t piece_count;
     fuse_ino_t done[DONE_FILES];
     size_t done_next;
-    struct slot slots[SLOTS];
+    struct slot slots[MOST_SLOTS];
+    int slot_count;
     uint64_t clock;
 };
 

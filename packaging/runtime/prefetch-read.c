@@ -23,7 +23,7 @@ int prefetch_store(struct prefetch* prefetch, fuse_ino_t ino, uint64_t offset, c
 
 struct slot* prefetch_find_slot(struct prefetch* prefetch, fuse_ino_t ino, uint64_t block)
 {
-    for (int i = 0; i < SLOTS; ++i) {
+    for (int i = 0; i < prefetch->slot_count; ++i) {
         struct slot* slot = &prefetch->slots[i];
         if (slot->state != SLOT_FREE && slot->ino == ino && slot->block == block)
             return slot;
@@ -36,7 +36,7 @@ struct slot* prefetch_find_slot(struct prefetch* prefetch, fuse_ino_t ino, uint6
 struct slot* prefetch_claim_slot(struct prefetch* prefetch, fuse_ino_t ino, uint64_t block)
 {
     struct slot* oldest = NULL;
-    for (int i = 0; i < SLOTS; ++i) {
+    for (int i = 0; i < prefetch->slot_count; ++i) {
         struct slot* slot = &prefetch->slots[i];
         if (slot->state != SLOT_BUSY && slot->pins == 0 && (!oldest || slot->used < oldest->used))
             oldest = slot;

@@ -210,7 +210,9 @@ static void free_prefetch(struct prefetch* prefetch)
  * pages in one by one as they are first written costs far more. */
 static int allocate_buffers(struct prefetch* prefetch)
 {
-    prefetch->arena_size = (SLOTS + 2) * prefetch->block_size;
+    size_t fit = SLOT_BYTES / prefetch->block_size;
+    prefetch->slot_count = fit > MOST_SLOTS ? MOST_SLOTS : fit < LEAST_SLOTS ? LEAST_SLOTS : (int)fit;
+    prefetch->arena_size = (size_t)(prefetch->slot_count + 2) * prefetch->block_size;
     char* arena = mmap(NULL, prefetch->arena_size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE,
                        -1, 0);
     if (arena == MAP_FAILED)
@@ -218,7 +220,7 @@ static int allocate_buffers(struct prefetch* prefetch)
     prefetch->arena = arena;
     prefetch->input = arena;
     prefetch->spare = arena + prefetch->block_size;
-    for (int i = 0; i < SLOTS; ++i)
+    for (int i = 0; i < prefetch->slot_count; ++i)
         prefetch->slots[i].data = arena + (size_t)(i + 2) * prefetch->block_size;
     return 0;
 }
@@ -237,6 +239,9 @@ struct prefetch* prefetch_start(const char* path, size_t offset, struct fuse_ses
         prefetch->block_size = prefetch->ll->fs.sb.block_size;
         prefetch->decompress = sqfs_decompressor_get(sqfs_compression(&prefetch->ll->fs));
     }
+    /* squashfs blocks are 4 KiB to 1 MiB; anything else is a damaged image. */
+    if (prefetch->block_size < 4096 || prefetch->block_size > (1u << 20))
+        prefetch->decompress = NULL;
     if (!prefetch->decompress || allocate_buffers(prefetch) != 0
         || pthread_create(&prefetch->thread, NULL, run, prefetch) != 0) {
         free_prefetch(prefetch);
