@@ -184,22 +184,30 @@ int mount_serve(struct mount* mount)
     return 0;
 }
 
-/* Waits a little for a request, so that stopping the prefetcher never spins. */
-static void serve_a_while(void* context)
+/* Both threads wait on the mount when asked to stop: requests are answered
+ * until they have ended, waiting a little for each so as not to spin. */
+static void stop_threads(struct mount* mount)
 {
-    struct pollfd request = {.fd = mount_fd(context), .events = POLLIN};
-    if (poll(&request, 1, 10) > 0)
-        mount_serve(context);
+    if (g_preload)
+        preload_stop(g_preload);
+    if (g_prefetch)
+        prefetch_stop(g_prefetch);
+    struct pollfd request = {.fd = mount_fd(mount), .events = POLLIN};
+    while ((g_preload && !preload_ended(g_preload)) || (g_prefetch && !prefetch_ended(g_prefetch))) {
+        if (poll(&request, 1, 10) > 0)
+            mount_serve(mount);
+    }
+    if (g_preload)
+        preload_free(g_preload);
+    if (g_prefetch)
+        prefetch_free(g_prefetch);
+    g_preload = NULL;
+    g_prefetch = NULL;
 }
 
 void mount_close(struct mount* mount)
 {
-    if (g_preload)
-        preload_stop(g_preload, serve_a_while, mount);
-    g_preload = NULL;
-    if (g_prefetch)
-        prefetch_stop(g_prefetch, serve_a_while, mount);
-    g_prefetch = NULL;
+    stop_threads(mount);
     g_mount = NULL;
     fuse_session_unmount(mount->session);
     fuse_session_destroy(mount->session);

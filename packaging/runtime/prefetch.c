@@ -266,17 +266,24 @@ void prefetch_file(struct prefetch* prefetch, fuse_ino_t ino, const sqfs_inode* 
     pthread_mutex_unlock(&prefetch->lock);
 }
 
-void prefetch_stop(struct prefetch* prefetch, void (*serve)(void* context), void* context)
+void prefetch_stop(struct prefetch* prefetch)
 {
     pthread_mutex_lock(&prefetch->lock);
     prefetch->stopping = 1;
     pthread_cond_signal(&prefetch->wake);
-    while (!prefetch->finished) {
-        pthread_mutex_unlock(&prefetch->lock);
-        serve(context);
-        pthread_mutex_lock(&prefetch->lock);
-    }
     pthread_mutex_unlock(&prefetch->lock);
+}
+
+int prefetch_ended(struct prefetch* prefetch)
+{
+    pthread_mutex_lock(&prefetch->lock);
+    int ended = prefetch->finished;
+    pthread_mutex_unlock(&prefetch->lock);
+    return ended;
+}
+
+void prefetch_free(struct prefetch* prefetch)
+{
     pthread_join(prefetch->thread, NULL);
     free_prefetch(prefetch);
 }

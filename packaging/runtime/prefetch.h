@@ -31,6 +31,9 @@ void prefetch_file(struct prefetch* prefetch, fuse_ino_t ino, const sqfs_inode* 
 ssize_t prefetch_read(struct prefetch* prefetch, sqfs* fs, fuse_ino_t ino, sqfs_inode* inode, uint64_t offset,
                       size_t size, char* out);
 
-/* Stops the thread and frees it. A store notification can wait for pages a
- * read in the queue holds, so serve(context) answers requests meanwhile. */
-void prefetch_stop(struct prefetch* prefetch, void (*serve)(void* context), void* context);
+/* Asks the thread to stop. A store notification can wait for pages that a
+ * read in the queue holds, so requests are to be answered until it has
+ * ended; then it can be freed. */
+void prefetch_stop(struct prefetch* prefetch);
+int prefetch_ended(struct prefetch* prefetch);
+void prefetch_free(struct prefetch* prefetch);

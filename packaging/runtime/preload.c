@@ -94,16 +94,23 @@ struct preload* preload_start(const char* dir)
     return preload;
 }
 
-void preload_stop(struct preload* preload, void (*serve)(void* context), void* context)
+void preload_stop(struct preload* preload)
 {
     pthread_mutex_lock(&preload->lock);
     preload->stopping = 1;
-    while (!preload->finished) {
-        pthread_mutex_unlock(&preload->lock);
-        serve(context);
-        pthread_mutex_lock(&preload->lock);
-    }
     pthread_mutex_unlock(&preload->lock);
+}
+
+int preload_ended(struct preload* preload)
+{
+    pthread_mutex_lock(&preload->lock);
+    int ended = preload->finished;
+    pthread_mutex_unlock(&preload->lock);
+    return ended;
+}
+
+void preload_free(struct preload* preload)
+{
     pthread_join(preload->thread, NULL);
     free(preload);
 }

@@ -10,6 +10,8 @@ struct preload;
 /* Starts on the mount at dir; NULL when there is no thread for it. */
 struct preload* preload_start(const char* dir);
 
-/* Stops and frees it. Its opens wait for the mount, so serve(context)
- * answers requests meanwhile. */
-void preload_stop(struct preload* preload, void (*serve)(void* context), void* context);
+/* Asks it to stop; its opens wait for the mount, so requests are to be
+ * answered until it has ended. Then it can be freed. */
+void preload_stop(struct preload* preload);
+int preload_ended(struct preload* preload);
+void preload_free(struct preload* preload);

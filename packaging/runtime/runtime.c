@@ -8,9 +8,9 @@
 #include "mount.h"
 
 #include <errno.h>
-#include <malloc.h>
 #include <ftw.h>
 #include <limits.h>
+#include <malloc.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
