@@ -6,16 +6,18 @@
 # - the runtime and the .upd_info bytes give back the update information;
 # - the signed file with .upd_info, .sha256_sig and .sig_key zeroed is the
 #   unsigned file byte for byte;
-# - gpg, with a fresh keyring holding only the key from .sig_key, accepts
-#   the signature from .sha256_sig over the hex SHA-256 of that zeroed file,
-#   made by the throw-away key;
-# - one changed payload byte makes it refuse;
+# - one row a file: gpg, with a fresh keyring holding only the key from
+#   .sig_key, judges the signature from .sha256_sig over the hex SHA-256 of
+#   the file with only .sha256_sig and .sig_key zeroed (.upd_info counts, as
+#   the AppImage tools have it), and tavelin-pack --verify judges the file:
+#   the signed file is good, one changed byte of the payload or of .upd_info
+#   makes it bad, an unsigned file or one that is no AppImage is refused;
 # - the unsigned file's three sections are all zero.
-#   packaging/check-signature.sh RUNTIME APPDIR
+#   packaging/check-signature.sh RUNTIME APPDIR TAVELIN_PACK
 set -euo pipefail
-[ $# -eq 2 ] || { echo "usage: check-signature.sh RUNTIME APPDIR" >&2; exit 2; }
+[ $# -eq 3 ] || { echo "usage: check-signature.sh RUNTIME APPDIR TAVELIN_PACK" >&2; exit 2; }
 here=$(cd "$(dirname "$0")" && pwd)
-runtime=$(readlink -f "$1") appdir=$2
+runtime=$(readlink -f "$1") appdir=$2 pack=$(readlink -f "$3")
 fail() { echo "check-signature: FAIL: $*" >&2; exit 1; }
 for tool in gpg gpgconf objdump sha256sum; do
     command -v "$tool" >/dev/null || fail "$tool not found (Debian packages gnupg, binutils, coreutils)"
@@ -57,10 +59,10 @@ bytes_of() { # file section: the section's bytes up to the first zero
     read -r offset size <<<"$(section "$2")"
     dd if="$1" bs=4096 skip="$offset" count="$size" iflag=skip_bytes,count_bytes status=none | tr -d '\0'
 }
-zeroed() { # file copy: the file with the three sections zeroed
+zeroed() { # file copy sections...: the file with these sections zeroed
     local name offset size
     cp "$1" "$2"
-    for name in .upd_info .sha256_sig .sig_key; do
+    for name in "${@:3}"; do
         read -r offset size <<<"$(section "$name")"
         head -c "$size" /dev/zero | dd of="$2" bs=4096 seek="$offset" oflag=seek_bytes conv=notrunc status=none
     done
@@ -70,7 +72,7 @@ verify() { # file: gpg's status lines with a keyring of the embedded key alone
     home=$(mktemp -d "$scratch/checker/home.XXXXXX")
     bytes_of "$1" .sig_key > "$home/key.asc"
     bytes_of "$1" .sha256_sig > "$home/signature.asc"
-    zeroed "$1" "$home/zeroed"
+    zeroed "$1" "$home/zeroed" .sha256_sig .sig_key
     sha256sum < "$home/zeroed" | cut -c1-64 | tr -d '\n' > "$home/digest"
     gpg_in "$home" --import "$home/key.asc" 2>/dev/null || fail "gpg cannot import the key in .sig_key"
     gpg_in "$home" --status-fd 1 --verify "$home/signature.asc" "$home/digest" 2>/dev/null || true
@@ -83,23 +85,53 @@ if "$signed" --appimage-help | grep -q -- --appimage-updateinformation; then
         || fail "--appimage-updateinformation prints something else than $update"
     runtime_says="--appimage-updateinformation and section"
 fi
-zeroed "$signed" "$scratch/signed-zeroed"
+zeroed "$signed" "$scratch/signed-zeroed" .upd_info .sha256_sig .sig_key
 cmp -s "$scratch/signed-zeroed" "$unsigned" || fail "the signed file differs from the unsigned one outside the sections"
-verify "$signed" > "$scratch/signed.status"
-grep -q "^\[GNUPG:\] VALIDSIG $fingerprint " "$scratch/signed.status" \
-    || fail "gpg does not accept the embedded signature with the embedded key"
-# One bit of a byte half-way through the squashfs image.
-cp "$signed" "$scratch/changed.AppImage"
-at=$((($(stat -c %s "$signed") + $(stat -c %s "$runtime")) / 2))
-byte=$(od -An -tu1 -j "$at" -N1 "$signed" | tr -d ' ')
-printf "\\$(printf %03o $((byte ^ 1)))" | dd of="$scratch/changed.AppImage" bs=1 seek="$at" conv=notrunc status=none
-cmp -s "$signed" "$scratch/changed.AppImage" && fail "byte $at did not change"
-verify "$scratch/changed.AppImage" > "$scratch/changed.status"
-grep -q '^\[GNUPG:\] BADSIG ' "$scratch/changed.status" && ! grep -q '^\[GNUPG:\] VALIDSIG ' "$scratch/changed.status" \
-    || fail "gpg does not call the signature bad after byte $at of the payload changed"
 for name in .upd_info .sha256_sig .sig_key; do
     [ -z "$(bytes_of "$unsigned" "$name")" ] || fail "the unsigned file's $name is not zero"
 done
+
+flip() { # file copy offset: the copy with one bit of the byte at offset changed
+    local byte
+    cp "$1" "$2"
+    byte=$(od -An -tu1 -j "$3" -N1 "$1" | tr -d ' ')
+    printf "\\$(printf %03o $((byte ^ 1)))" | dd of="$2" bs=1 seek="$3" conv=notrunc status=none
+    ! cmp -s "$1" "$2" || fail "byte $3 of $2 did not change"
+}
+read -r upd_offset _ <<<"$(section .upd_info)"
+flip "$signed" "$scratch/payload-changed.AppImage" $((($(stat -c %s "$signed") + $(stat -c %s "$runtime")) / 2))
+flip "$signed" "$scratch/update-changed.AppImage" $((upd_offset + 3))
+printf 'not an AppImage\n' > "$scratch/text"
+
+# file | what gpg says (good, bad, -: not signed) | what --verify exits with and prints
+rows=(
+    "signed.AppImage|good|0|$fingerprint.*Tavelin Test <test@example.invalid>"
+    "payload-changed.AppImage|bad|1|bad signature"
+    "update-changed.AppImage|bad|1|bad signature"
+    "unsigned.AppImage|-|1|not signed"
+    "text|-|1|not an AppImage"
+)
+for row in "${rows[@]}"; do
+    IFS='|' read -r file gpg_says exits prints <<<"$row"
+    if [ "$gpg_says" != - ]; then
+        verify "$scratch/$file" > "$scratch/$file.status"
+        case $gpg_says in
+            good) grep -q "^\[GNUPG:\] VALIDSIG $fingerprint " "$scratch/$file.status" \
+                      || fail "$file: gpg does not accept the embedded signature with the embedded key" ;;
+            bad) grep -q '^\[GNUPG:\] BADSIG ' "$scratch/$file.status" \
+                     && ! grep -q '^\[GNUPG:\] VALIDSIG ' "$scratch/$file.status" \
+                     || fail "$file: gpg does not call the signature bad" ;;
+        esac
+    fi
+    status=0
+    GNUPGHOME=$scratch/untouched "$pack" --verify "$scratch/$file" > "$scratch/$file.out" 2>&1 || status=$?
+    [ "$status" -eq "$exits" ] || fail "$file: tavelin-pack --verify exits $status, not $exits: $(cat "$scratch/$file.out")"
+    grep -q -- "$prints" "$scratch/$file.out" \
+        || fail "$file: tavelin-pack --verify does not say \"$prints\": $(cat "$scratch/$file.out")"
+done
+[ ! -e "$scratch/untouched" ] || fail "tavelin-pack --verify wrote into the user's GNUPGHOME"
+
 echo "check-signature: update information read back ($runtime_says); signed = unsigned outside the sections;" \
-     "gpg accepts the signature by $fingerprint with the embedded key alone, refuses it after one payload byte" \
-     "changed; the unsigned file's three sections are zero"
+     "the unsigned file's three sections are zero; gpg with the embedded key alone and tavelin-pack --verify" \
+     "accept the signature by $fingerprint, refuse it after one byte of the payload or of .upd_info changed," \
+     "and refuse an unsigned file and a text file"

@@ -3,10 +3,11 @@
 # beginning exactly where the runtime's ELF ends; optionally fills the
 # runtime's reserved sections with update information and a signature.
 #   packaging/make-appimage.sh [--update-information TEXT] [--sign-key KEY] RUNTIME APPDIR OUTPUT
-# The signature is gpg's ASCII-armoured detached signature of the 64
-# lowercase hex characters, without a newline, of the SHA-256 of the whole
-# file with .upd_info, .sha256_sig and .sig_key all zero; .sig_key holds the
-# armoured public key. gpg runs with the caller's GNUPGHOME.
+# The update information goes in first, so that the signature covers it: the
+# signature is gpg's ASCII-armoured detached signature of the 64 lowercase hex
+# characters, without a newline, of the SHA-256 of the whole file with only
+# .sha256_sig and .sig_key zero, as the AppImage tools check it; .sig_key
+# holds the armoured public key. gpg runs with the caller's GNUPGHOME.
 set -euo pipefail
 die() { echo "make-appimage: $*" >&2; exit 1; }
 usage="usage: make-appimage.sh [--update-information TEXT] [--sign-key KEY] RUNTIME APPDIR OUTPUT"
@@ -91,8 +92,12 @@ offset=$("$(readlink -f "$output")" --appimage-offset) || die "the runtime in $o
 [ "$offset" -eq "$(stat -c %s "$runtime")" ] || die "the runtime's ELF ends at $offset, not at its size"
 
 notes=
+if [ -n "$update_information" ]; then
+    fill .upd_info "$work/update-information"
+    notes+=", update information $(stat -c %s "$work/update-information") bytes"
+fi
 if [ -n "$sign_key" ]; then
-    # The sections are still zero here, so the file as it is gives the digest.
+    # The signature's own sections are still zero here, so the file as it is gives the digest.
     sha256sum < "$output" | cut -c1-64 | tr -d '\n' > "$work/digest"
     gpg --batch --yes --armor --local-user "$fingerprint" --output "$work/signature" \
         --detach-sign "$work/digest" 2>"$work/gpg.log" || die "gpg cannot sign with $sign_key: $(cat "$work/gpg.log")"
@@ -104,10 +109,6 @@ if [ -n "$sign_key" ]; then
     fill .sha256_sig "$work/signature"
     fill .sig_key "$work/key"
     notes+=", signed by $fingerprint"
-fi
-if [ -n "$update_information" ]; then
-    fill .upd_info "$work/update-information"
-    notes+=", update information $(stat -c %s "$work/update-information") bytes"
 fi
 partial=
 echo "make-appimage: $output ($(stat -c %s "$output") bytes, image at offset $offset$notes)"

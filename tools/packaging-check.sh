@@ -17,5 +17,5 @@ scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 unsquashfs -q -n -o "$("$appimage" --appimage-offset)" -d "$scratch/AppDir" "$appimage" >/dev/null
 packaging/check-appdir.sh "$scratch/AppDir" build/lib/tavelin-gui/tavelin-gui
-packaging/check-signature.sh build/packaging/runtime/tavelin-runtime "$scratch/AppDir"
+packaging/check-signature.sh build/packaging/runtime/tavelin-runtime "$scratch/AppDir" build/packaging/pack/tavelin-pack
 packaging/e2e-toolchain.sh build

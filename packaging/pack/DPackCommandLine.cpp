@@ -41,6 +41,7 @@ const TOptionSpec g_options[] = {
 };
 
 const char* const g_config = "config";
+const char* const g_verify = "verify";
 
 } // namespace
 
@@ -57,6 +58,11 @@ DPackCommandLine::DPackCommandLine()
     for (const TOptionSpec& option : g_options)
         parser.addOption(QCommandLineOption(QLatin1String(option.name), QString::fromUtf8(option.description),
                                             QStringLiteral("value")));
+    parser.addOption(QCommandLineOption(QLatin1String(g_verify),
+                                        QStringLiteral("Instead of packing: checks the signature embedded in an "
+                                                       "AppImage with the key embedded beside it, prints who "
+                                                       "signed it and exits 0 when it is good."),
+                                        QStringLiteral("file")));
 }
 
 bool DPackCommandLine::parse(const QStringList& arguments)
@@ -68,6 +74,12 @@ bool DPackCommandLine::parse(const QStringList& arguments)
         return false;
     if (!parser.positionalArguments().isEmpty())
         return refuse(QStringLiteral("unexpected argument %1").arg(parser.positionalArguments().first()), 2);
+    if (parser.isSet(QLatin1String(g_verify))) {
+        if (parser.optionNames().size() > 1)
+            return refuse(QStringLiteral("--verify takes no other option"), 2);
+        strVerifyFile = parser.value(QLatin1String(g_verify));
+        return true;
+    }
     DPackConfig config;
     QStringList names;
     for (const TOptionSpec& option : g_options)

@@ -18,6 +18,8 @@ public:
     bool parse(const QStringList& arguments);
 
     TPackRequest getRequest() const { return request; }
+    /// The AppImage that --verify names, or empty for a pack.
+    QString getVerifyFile() const { return strVerifyFile; }
     QString getError() const { return strError; }
     /// The exit status for the error: 2 for the command line, 1 for the file.
     int getErrorStatus() const { return errorStatus; }
@@ -30,6 +32,7 @@ private:
 
     QCommandLineParser parser;
     TPackRequest request;
+    QString strVerifyFile;
     QString strError;
     int errorStatus = 0;
     bool bHelpAsked = false;

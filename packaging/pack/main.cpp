@@ -1,5 +1,6 @@
 #include "DPackCommandLine.h"
 #include "DPackRun.h"
+#include "DPackVerify.h"
 
 #include <QCoreApplication>
 
@@ -26,6 +27,15 @@ int main(int argc, char* argv[])
         }
         printLine(stderr, QStringLiteral("error: "), commandLine.getError());
         return commandLine.getErrorStatus();
+    }
+    if (!commandLine.getVerifyFile().isEmpty()) {
+        DPackVerify verify;
+        if (!verify.verify(commandLine.getVerifyFile())) {
+            printLine(stderr, QStringLiteral("error: "), verify.getError());
+            return 1;
+        }
+        printLine(stdout, QStringLiteral("good signature by "), verify.getSigner());
+        return 0;
     }
     DPackRun run(DPackToolchain::locate(QCoreApplication::applicationDirPath()),
                  [](const QString& strLine) { printLine(stdout, QString(), strLine); });
