@@ -49,7 +49,7 @@ for plugin in platforms/libqxcb.so platforms/libqoffscreen.so platforms/libqmini
 done
 [ -f "$appdir/usr/plugins/platforms/libqxcb.so" ] || die "xcb platform plugin not found in $qt_plugins"
 
-mapfile -t excludes < <(grep -v -E '^\s*(#|$)' "$here/appdir-excludes.txt")
+mapfile -t excludes < <(grep -v -E '^\s*(#|$)' "$here/host-libraries.txt")
 is_excluded() {
     local pattern
     for pattern in "${excludes[@]}"; do
