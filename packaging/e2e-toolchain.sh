@@ -43,6 +43,22 @@ mkdir "$scratch/two"
 cmp "$first" "$scratch/two/$name" || fail "two packs of the same demo differ"
 step "a second pack of a fresh copy, elsewhere, under umask 077 gives the same $(stat -c %s "$first") bytes"
 
+# Another application, one program built on this host: the pack's own floor
+# check leaves the packager's soft/ alone and passes the wizard's part, and
+# the installed check says the same of the image read back.
+mkdir -p "$scratch/other/tree/bin"
+cp "$(type -P true)" "$scratch/other/tree/bin/other-true"
+printf '[Desktop Entry]\nType=Application\nName=Other\nExec=bin/other-true\n' > "$scratch/other/other.desktop"
+"$pack" --app "$scratch/other/tree" --desktop "$scratch/other/other.desktop" \
+    --icon "$here/../examples/demo/soft/images/tavelin-demo.png" --name-eng Other \
+    --appimage "$scratch/other/Other.AppImage" > "$scratch/other.log" 2>&1 \
+    || fail "the pack of another application failed: $(cat "$scratch/other.log")"
+unsquashfs -q -n -o "$("$scratch/other/Other.AppImage" --appimage-offset)" -d "$scratch/other/AppDir" \
+    "$scratch/other/Other.AppImage" >/dev/null
+"$scratch/moved/share/tavelin/check-floor.sh" "$scratch/other/AppDir" "$scratch/moved/share/tavelin/host-libraries.txt" \
+    || fail "the AppImage of another application asks the host for more than the host list"
+step "another application packed; its image asks the host for nothing beyond the host list"
+
 # The AppImage does not fit in 1 MiB: the pack fails at its last step and
 # takes back the payload it had written there.
 if unshare -m --propagation private true 2>/dev/null; then

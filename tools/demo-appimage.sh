@@ -1,13 +1,17 @@
 #!/usr/bin/env bash
-# Builds Tavelin, installs its toolchain into build/toolchain as a packager
-# would have it, packs the demo package into one AppImage file with the
-# installed tavelin-pack and its description file, and prints the file's
-# path on its last line. tools/demo.sh builds with it and starts the result.
+# Builds Tavelin and its portable wizard bundle (the first time, as root: a
+# Debian 11 root in build/debian, about 200 MB from Debian's archive),
+# installs the toolchain into build/toolchain as a packager would have it,
+# packs the demo package into one AppImage file with the installed
+# tavelin-pack and its description file, and prints the file's path on its
+# last line. tools/demo.sh builds with it and starts the result.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 tools/install-deps.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j "$(nproc)" --target tavelin-gui tavelin-pack tavelin-runtime >/dev/null
+cmake --build build -j "$(nproc)" --target tavelin-pack tavelin-runtime >/dev/null
+cmake --build build --target tavelin-bundle >/dev/null
+rm -rf build/toolchain
 cmake --install build --prefix build/toolchain >/dev/null
 
 # The description file writes out/TavelinDemo-x86_64.AppImage.

@@ -105,7 +105,7 @@ bool DPackRun::prepareAppImageDir(const QString& strPath)
 bool DPackRun::buildAppImage(const TPackRequest& request, const QString& strPayloadDir, const QString& strWorkDir)
 {
     const QString strAppDir = QDir(strWorkDir).filePath(QStringLiteral("AppDir"));
-    if (!runTool(toolchain.makeAppDir, {strPayloadDir, toolchain.gui, strAppDir}))
+    if (!runTool(toolchain.makeAppDir, {strPayloadDir, toolchain.wizardBundle, strAppDir}))
         return false;
     report(QStringLiteral("AppDir built with the wizard and its Qt"));
 

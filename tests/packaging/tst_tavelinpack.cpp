@@ -99,6 +99,8 @@ private slots:
         QTest::newRow("AppImage there already") << "appimage" << "exists already";
         QTest::newRow("AppImage's directory is a file") << "appimage-dir" << "cannot create the directory";
         QTest::newRow("mksquashfs fails half-way") << "mksquashfs" << "mksquashfs failed";
+        QTest::newRow("wizard bundle missing") << "no-bundle" << "the wizard bundle";
+        QTest::newRow("wizard asks more than the floor") << "host-wizard" << "newer than the floor's GLIBC_2.31";
     }
 
     void refusesAndLeavesNothing()
@@ -134,8 +136,16 @@ private slots:
             had << QStringLiteral("new");
         else if (problem == QLatin1String("mksquashfs"))
             QVERIFY(TestSupport::writeFile(strFake, "#!/bin/sh\necho full >&2\nexit 1\n") && ::chmod(qPrintable(strFake), 0755) == 0);
+        // A stand-in bundle whose wizard is a script passes the floor; this
+        // build's own wizard, made on this newer host, does not.
+        const QString strWizard = tempDir->filePath(QStringLiteral("bundle/usr/bin/tavelin-gui"));
+        if (problem == QLatin1String("host-wizard"))
+            QVERIFY(QDir().mkpath(QFileInfo(strWizard).path()) && QFile::copy(QStringLiteral(TAVELIN_GUI_BINARY), strWizard));
+        else if (problem != QLatin1String("no-bundle"))
+            QVERIFY(TestSupport::writeFile(strWizard, "#!/bin/sh\n") && ::chmod(qPrintable(strWizard), 0755) == 0);
+        QVERIFY(TestSupport::writeFile(tempDir->filePath(QStringLiteral("bundle/.tavelin-preload")), ""));
     #ifndef TAVELIN_RUNTIME_BINARY
-        if (problem == QLatin1String("mksquashfs"))
+        if (problem == QLatin1String("mksquashfs") || problem == QLatin1String("host-wizard"))
             QSKIP("the AppImage runtime is not built (Debian package libsquashfuse-dev)");
     #endif
         if (problem != QLatin1String("no-tree"))
@@ -265,6 +275,7 @@ private:
         process->setWorkingDirectory(tempDir->path());
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert(QStringLiteral("PATH"), tempDir->filePath(QStringLiteral("bin:")) + environment.value(QStringLiteral("PATH")));
+        environment.insert(QStringLiteral("TAVELIN_WIZARD_BUNDLE"), tempDir->filePath(QStringLiteral("bundle")));
         process->setProcessEnvironment(environment);
         process->start(QStringLiteral(TAVELIN_PACK_BINARY), arguments);
         process->waitForFinished(180000);

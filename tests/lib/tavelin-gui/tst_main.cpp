@@ -4,7 +4,8 @@
 
 // The real tavelin-gui under Xvfb, each row in a private PID namespace: the
 // sentinel there is pid 2 and leads process group 2, so a wrong kill of -1 or
-// -2 would reach it and nothing outside.
+// -2 would reach it and nothing outside. TAVELIN_GUI_UNDER_TEST names another
+// build of it, such as the portable one the AppImage carries.
 class tst_Main : public QObject
 {
     Q_OBJECT
@@ -60,13 +61,20 @@ private slots:
         process.setProcessEnvironment(env);
         process.setProcessChannelMode(QProcess::MergedChannels);
         process.start("xvfb-run", {"-a", "unshare", "--pid", "--fork", "--mount-proc", "--kill-child", "sh", "-c",
-                                   script, "sh", value, TAVELIN_GUI_BINARY});
+                                   script, "sh", value, wizardUnderTest()});
         QVERIFY(process.waitForFinished(60000));
         const QByteArray output = process.readAll();
         if (process.exitCode() != 0 && output.contains("unshare"))
             QSKIP(qPrintable("no private PID namespace: " + QString::fromLocal8Bit(output)));
         QVERIFY2(!output.contains("WIZARD=not-started"), output.constData());
         QVERIFY2(output.contains(sentinelDies ? "SENTINEL=dead" : "SENTINEL=alive"), output.constData());
+    }
+
+private:
+    static QString wizardUnderTest()
+    {
+        const QString strOther = qEnvironmentVariable("TAVELIN_GUI_UNDER_TEST");
+        return strOther.isEmpty() ? QStringLiteral(TAVELIN_GUI_BINARY) : strOther;
     }
 };
 

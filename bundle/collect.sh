@@ -1,0 +1,146 @@
+#!/usr/bin/env bash
+# Gathers the wizard and what it loads into a bundle directory: the wizard in
+# usr/bin, the Qt libraries and plugins it needs in usr/lib and usr/plugins
+# with an $ORIGIN rpath, and .tavelin-preload. Libraries on the host list
+# stay out, with everything only they need. Runs where the wizard was built,
+# so that ldd and qmake see its Qt.
+#   bundle/collect.sh TAVELIN_GUI HOST_LIBRARIES BUNDLE_DIR
+set -euo pipefail
+die() { echo "collect: $*" >&2; exit 1; }
+[ $# -eq 3 ] || die "usage: collect.sh TAVELIN_GUI HOST_LIBRARIES BUNDLE_DIR"
+gui=$1 host_libraries=$2 bundle=$3
+[ -x "$gui" ] || die "$gui is not an executable"
+[ ! -e "$bundle" ] || die "$bundle exists already"
+for tool in patchelf readelf strip ldd; do
+    command -v "$tool" >/dev/null || die "$tool not found (Debian packages patchelf, binutils, libc-bin)"
+done
+qmake=$(command -v qmake || command -v qmake-qt5 || echo /usr/lib/qt5/bin/qmake)
+[ -x "$qmake" ] || die "qmake not found (Debian package qtbase5-dev-tools)"
+qt_plugins=$("$qmake" -query QT_INSTALL_PLUGINS)
+
+mkdir -p "$bundle/usr/bin" "$bundle/usr/lib" "$bundle/usr/plugins"
+install -m 0755 "$gui" "$bundle/usr/bin/tavelin-gui"
+printf '[Paths]\nPrefix = ..\nLibraries = lib\nPlugins = plugins\n' > "$bundle/usr/bin/qt.conf"
+
+# Plugins the wizard loads: the X11 platform (offscreen and minimal for
+# headless runs), its GL integrations, image formats and the gtk3 theme.
+for plugin in platforms/libqxcb.so platforms/libqoffscreen.so platforms/libqminimal.so \
+              xcbglintegrations/libqxcb-glx-integration.so xcbglintegrations/libqxcb-egl-integration.so \
+              platformthemes/libqgtk3.so imageformats/*.so; do
+    for file in "$qt_plugins"/$plugin; do
+        [ -f "$file" ] || continue
+        category=$(basename "$(dirname "$file")")
+        mkdir -p "$bundle/usr/plugins/$category"
+        install -m 0755 "$file" "$bundle/usr/plugins/$category/"
+    done
+done
+[ -f "$bundle/usr/plugins/platforms/libqxcb.so" ] || die "xcb platform plugin not found in $qt_plugins"
+
+mapfile -t host < <(grep -v -E '^\s*(#|$|@)' "$host_libraries")
+on_host() {
+    local pattern
+    for pattern in "${host[@]}"; do
+        [[ $1 =~ ^${pattern}$ ]] && return 0
+    done
+    return 1
+}
+
+# Follows DT_NEEDED from each ELF, stopping at the host's libraries, so that
+# nothing only a host library needs is carried either.
+declare -A seen=()
+bundle_needs() { # elf
+    local elf=$1 soname path
+    declare -A where=()
+    while read -r soname _ path _; do
+        [ -n "$path" ] && where[$soname]=$path
+    done < <(ldd "$elf" | grep '=> /')
+    for soname in $(readelf -d "$elf" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p'); do
+        [ -n "${seen[$soname]:-}" ] && continue
+        seen[$soname]=1
+        on_host "$soname" && continue
+        path=${where[$soname]:-}
+        [ -n "$path" ] || die "$elf needs $soname, which is not found"
+        install -m 0644 "$(readlink -f "$path")" "$bundle/usr/lib/$soname"
+        bundle_needs "$bundle/usr/lib/$soname"
+    done
+}
+bundle_needs "$bundle/usr/bin/tavelin-gui"
+for plugin in "$bundle"/usr/plugins/*/*.so; do
+    bundle_needs "$plugin"
+done
+
+# Symbols and debug information are dead weight in an installer; the dynamic
+# symbol table stays, so linking and plugin loading work as before. strip
+# goes first: rewriting a file patchelf has grown can break it.
+for elf in "$bundle/usr/bin/tavelin-gui" "$bundle"/usr/lib/*.so* "$bundle"/usr/plugins/*/*.so; do
+    strip --strip-unneeded "$elf" || die "strip failed on $elf"
+done
+
+# ICU's data is half the AppDir, most of it every language's names, units,
+# calendars and collations. The wizard speaks Chinese and its file dialog sorts
+# names, so the root data, the codecs, the dictionaries and the English and
+# Chinese locales stay; the other locales are cut with icupkg and the freed
+# tail zeroed in place, which squashfs stores as nothing. The library keeps its
+# layout, so no compiler is needed.
+thin_icu_data() { # library
+    local lib=$1 value size ndx symbol addr offset start scratch thin
+    read -r value size ndx symbol < <(readelf -sW "$lib" | awk '$8 ~ /^icudt[0-9]+_dat$/ { print $2, $3, $7, $8; exit }')
+    [ -n "${value:-}" ] || die "$lib holds no icudt*_dat symbol"
+    read -r addr offset < <(readelf -SW "$lib" | sed -n "s/^ *\[ *$ndx\] [^ ]* *[A-Z_]* *\([0-9a-f]*\) \([0-9a-f]*\) .*/\1 \2/p")
+    start=$((16#$value - 16#$addr + 16#$offset)) size=$((size))
+    # icupkg takes the package's name (icudt72l) from the file's.
+    scratch=$(mktemp -d)
+    local full=$scratch/${symbol%_dat}l.dat thinned=$scratch/thin/${symbol%_dat}l.dat
+    mkdir "$scratch/thin"
+    dd if="$lib" of="$full" bs=1M iflag=skip_bytes,count_bytes skip="$start" count="$size" status=none
+    # Locale bundles are named like de, de_AT or zh_Hant_HK; Cantonese stays for zh_Hant_HK.
+    icupkg -l "$full" | grep -E '(^|/)[a-z]{2,3}(_[A-Za-z0-9_]*)?\.res$' \
+        | grep -Ev '(^|/)(res_index|(en|zh|yue)(_[A-Za-z0-9_]+)?)\.res$' > "$scratch/drop.txt" || true
+    icupkg -r "$scratch/drop.txt" "$full" "$thinned" >/dev/null || die "icupkg failed on $lib"
+    thin=$(stat -c %s "$thinned")
+    [ "$thin" -le "$size" ] || die "the thinned ICU data of $lib grew"
+    { cat "$thinned"; head -c $((size - thin)) /dev/zero; } \
+        | dd of="$lib" bs=1M seek="$start" oflag=seek_bytes conv=notrunc status=none
+    echo "collect: $(basename "$lib"): ICU data $size -> $thin bytes ($(wc -l < "$scratch/drop.txt") items dropped)"
+    rm -rf "$scratch"
+}
+for lib in "$bundle"/usr/lib/libicudata.so.*; do
+    [ -f "$lib" ] || continue
+    if command -v icupkg >/dev/null; then
+        thin_icu_data "$lib"
+    else
+        echo "collect: icupkg not found (Debian package icu-devtools): ICU's data is carried whole" >&2
+    fi
+done
+
+patchelf --set-rpath '$ORIGIN/../lib' "$bundle/usr/bin/tavelin-gui"
+for lib in "$bundle"/usr/lib/*.so*; do
+    patchelf --set-rpath '$ORIGIN' "$lib"
+done
+for plugin in "$bundle"/usr/plugins/*/*.so; do
+    patchelf --set-rpath '$ORIGIN/../../lib' "$plugin"
+done
+
+# Read ahead by the runtime as soon as the image is mounted, in the order the
+# wizard loads them: the wizard and its libraries as the loader finds them,
+# then the plugins Qt loads at start, with theirs.
+preload_list() {
+    local elf path
+    for elf in usr/bin/tavelin-gui usr/plugins/platforms/libqxcb.so usr/plugins/platformthemes/libqgtk3.so \
+               usr/plugins/imageformats/*.so usr/plugins/xcbglintegrations/libqxcb-glx-integration.so; do
+        [ -f "$elf" ] || continue
+        echo "$elf"
+        ldd "$elf" | awk '$2 == "=>" { print $3 }' | while read -r path; do
+            path=$(realpath -m --relative-to=. "$path")
+            case $path in usr/*) echo "$path" ;; esac
+        done
+    done | awk '!seen[$0]++'
+}
+(cd "$bundle" && preload_list) > "$bundle/.tavelin-preload"
+
+# The image stores modes as found: make them the same whatever the umask.
+find "$bundle" -type d -exec chmod 0755 {} +
+find "$bundle" -type f -perm /0111 -exec chmod 0755 {} +
+find "$bundle" -type f ! -perm /0111 -exec chmod 0644 {} +
+echo "collect: $bundle ready ($(ls "$bundle/usr/lib" | wc -l) libraries, $(ls "$bundle"/usr/plugins/*/*.so | wc -l) plugins," \
+     "$(du -sb "$bundle" | cut -f1) bytes)"
