@@ -24,3 +24,4 @@ TAVELIN_GUI_UNDER_TEST=$PWD/build/wizard-bundle/$(uname -m)/usr/bin/tavelin-gui 
     ctest --test-dir build --output-on-failure -R '^tst_main$'
 packaging/check-signature.sh build/packaging/runtime/tavelin-runtime "$scratch/AppDir" build/packaging/pack/tavelin-pack
 packaging/e2e-toolchain.sh build
+tests/system/check-build-root.sh
