@@ -25,3 +25,5 @@ TAVELIN_GUI_UNDER_TEST=$PWD/build/wizard-bundle/$(uname -m)/usr/bin/tavelin-gui 
 packaging/check-signature.sh build/packaging/runtime/tavelin-runtime "$scratch/AppDir" build/packaging/pack/tavelin-pack
 packaging/e2e-toolchain.sh build
 tests/system/check-build-root.sh
+# The demo AppImage on Debian 11 and 13 as a user's desktop has them.
+tests/system/check-distros.sh "$appimage" build/packaging/check/tavelin-x-wmstate build/debian
