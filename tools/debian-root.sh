@@ -4,17 +4,76 @@
 # cache: a root made before with the same suite, architecture and packages
 # is used as it is, so a second run downloads nothing. Built beside its place
 # and renamed into it, so a failed run leaves no half a root under DIR.
-# Needs root (debootstrap and chroot) and Debian's archive.
+# Needs root (debootstrap and chroot) and Debian's archive. A root of another
+# architecture (arm64 on an amd64 host) runs under qemu-user-static through
+# binfmt_misc, which this sets up when it is missing.
 #   tools/debian-root.sh SUITE ARCH DIR [PACKAGE...]
 # TAVELIN_DEBIAN_MIRROR overrides the archive (default deb.debian.org).
 set -euo pipefail
 die() { echo "debian-root: $*" >&2; exit 1; }
 [ $# -ge 3 ] || die "usage: debian-root.sh SUITE ARCH DIR [PACKAGE...]"
+args=("$@")
 suite=$1 arch=$2 dir=${3%/}
 shift 3
 packages=$(printf '%s\n' "$@" | sort -u | tr '\n' ' ')
 mirror=${TAVELIN_DEBIAN_MIRROR:-http://deb.debian.org/debian}
 stamp="$suite $arch $packages"
+
+# Lets the kernel run ARCH's programs through qemu, in chroots too: the F
+# flag opens the emulator when it is registered, so the root needs no copy.
+# Once set up, debootstrap runs both its stages itself (arch-test finds the
+# architecture executable), and apt-get and dpkg in the root just work.
+emulate() { # Debian architecture
+    local qemu entry line
+    case $1 in
+        arm64) qemu=aarch64 ;;
+        armhf | armel) qemu=arm ;;
+        ppc64el) qemu=ppc64le ;;
+        riscv64 | s390x) qemu=$1 ;;
+        *) die "no emulator known for $1 on this $(dpkg --print-architecture) host" ;;
+    esac
+    if [ ! -f "/usr/lib/binfmt.d/qemu-$qemu.conf" ]; then
+        DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends qemu-user-static binfmt-support \
+            >/dev/null || die "qemu-user-static is missing and cannot be installed; it runs the $1 root"
+    fi
+    [ -f "/usr/lib/binfmt.d/qemu-$qemu.conf" ] || die "qemu-user-static has no binfmt entry for $qemu"
+    if [ ! -e /proc/sys/fs/binfmt_misc/register ]; then
+        mount -t binfmt_misc binfmt_misc /proc/sys/fs/binfmt_misc \
+            || die "binfmt_misc cannot be mounted on /proc/sys/fs/binfmt_misc; $1 programs cannot run here"
+    fi
+    entry=/proc/sys/fs/binfmt_misc/qemu-$qemu
+    # An entry without F (registered by hand, or from an older qemu) fails in a chroot: replace it.
+    if [ -e "$entry" ] && ! grep -q '^flags:.*F' "$entry"; then
+        echo -1 > "$entry"
+    fi
+    [ -e "$entry" ] || update-binfmts --enable "qemu-$qemu" >/dev/null 2>&1 || true
+    # qemu-user-static's own line, with F among its flags.
+    line=$(grep -v '^#' "/usr/lib/binfmt.d/qemu-$qemu.conf" | head -n 1)
+    case ${line##*:} in *F*) ;; *) line=${line}F ;; esac
+    register "qemu-$qemu" "$line"
+    # An AppImage marks bytes 8 to 10 of its ELF header "AI" 2, where qemu's
+    # magic asks for zeros: a second entry, the same but for those bytes,
+    # runs this architecture's AppImages too.
+    IFS=: read -r _ _ type offset magic rest <<<"$line"
+    [ "$type:$offset:${magic:0:16}" = 'M::\x7f\x45\x4c\x46' ] \
+        || die "qemu-$qemu's binfmt entry is not an ELF magic at offset 0"
+    register "qemu-$qemu-appimage" ":qemu-$qemu-appimage:M::${magic:0:32}\x41\x49\x02${magic:44}:$rest"
+}
+register() { # name line
+    local entry=/proc/sys/fs/binfmt_misc/$1
+    if [ ! -e "$entry" ] || ! grep -q '^flags:.*F' "$entry"; then
+        [ ! -e "$entry" ] || echo -1 > "$entry"
+        printf '%s\n' "$2" > /proc/sys/fs/binfmt_misc/register || die "cannot register $1 with binfmt_misc"
+    fi
+    grep -q '^enabled' "$entry" || echo 1 > "$entry"
+}
+# Also for a root made before: it is of no use without. Once set up this
+# writes nothing, so it needs root only the first time after a boot.
+host_arch=$(dpkg --print-architecture)
+case $host_arch:$arch in
+    "$arch:$arch" | amd64:i386) ;;
+    *) emulate "$arch" ;;
+esac
 
 if [ -f "$dir/.tavelin-root" ] && [ "$(cat "$dir/.tavelin-root")" = "$stamp" ]; then
     exit 0
@@ -25,9 +84,16 @@ if ! command -v debootstrap >/dev/null; then
         || die "debootstrap is missing and cannot be installed (Debian package debootstrap)"
 fi
 
+# In a mount namespace of its own: debootstrap mounts /proc in the root, and
+# under qemu it was once found still mounted afterwards; a mount left in
+# the root would go along with its rename, and with a later rm -rf.
+if [ -z "${TAVELIN_DEBIAN_ROOT_PRIVATE:-}" ]; then
+    exec unshare -m --propagation private -- env TAVELIN_DEBIAN_ROOT_PRIVATE=1 "$0" "${args[@]}"
+fi
+
 partial=$dir.partial
-rm -rf "$partial"
-trap 'rm -rf "$partial"' EXIT
+rm -rf --one-file-system "$partial"
+trap 'rm -rf --one-file-system "$partial"' EXIT
 mkdir -p "$(dirname "$dir")"
 echo "debian-root: making $suite ($arch) in $dir: debootstrap, then ${packages:-no more packages}" >&2
 if ! debootstrap --variant=minbase --arch="$arch" "$suite" "$partial" "$mirror" >"$partial.log" 2>&1; then
@@ -46,10 +112,12 @@ if [ -n "$packages" ]; then
         die "apt-get could not install into the $suite root: $packages"
     fi
     rm -f "$partial/tmp/apt.log"
-    in_root apt-get clean
 fi
+# What came from the archive is still in apt's cache here.
+downloaded=$(find "$partial/var/cache/apt/archives" -name '*.deb' -printf '%s\n' | awk '{ s += $1 } END { printf "%.0f", s / 1048576 }')
+in_root apt-get clean
 echo "$stamp" > "$partial/.tavelin-root"
-rm -rf "$dir"
+rm -rf --one-file-system "$dir"
 mv "$partial" "$dir"
 trap - EXIT
-echo "debian-root: $dir ready ($(du -sm "$dir" | cut -f1) MB)" >&2
+echo "debian-root: $dir ready ($(du -smx "$dir" | cut -f1) MB, $downloaded MB downloaded)" >&2
