@@ -7,8 +7,11 @@
 /* The image served through FUSE by this very process. */
 struct mount;
 
-/* Mounts the image read-only on dir, an empty directory. Returns NULL with
- * the reason in why when FUSE cannot be used; prints nothing itself. */
+/* Mounts the image read-only on dir, an empty directory: root directly,
+ * other users through fusermount3 or else fuse 2's fusermount. Where a
+ * helper mounts, the mount goes and dir is removed should this process be
+ * killed. Returns NULL with the reason in why when FUSE cannot be used;
+ * prints nothing itself. */
 struct mount* mount_open(const struct image* image, const char* dir, char* why, size_t size);
 
 /* Starts decompressing files ahead of the reads, in a thread. */
