@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Checks the AppImage runtime as a whole program on little images of its own:
-# the in-process FUSE mount as root, extraction as uid 65534, nothing left
-# behind however AppRun ends, every --appimage-* option, links that must not
-# lead extraction out of squashfs-root, and files that are no AppImage.
+# the in-process FUSE mount as root and, through fusermount3 or fuse 2's
+# fusermount, as uid 65534, extraction as uid 65534, nothing left behind
+# however AppRun or the runtime ends, every --appimage-* option, links that
+# must not lead extraction out of squashfs-root, and files that are no AppImage.
 # Needs root. Prints one summary line; the failures, if any, before it.
 #   packaging/check-runtime.sh RUNTIME
 set -uo pipefail
@@ -16,10 +17,12 @@ chmod 755 "$scratch"
 export HOME=$scratch/home
 mkdir -p "$HOME" "$scratch/outside" "$scratch/decoy" "$scratch/fifo" "$scratch/run" && chmod 777 "$scratch/fifo"
 passed=0 failed=0
+# Failures go to fd 3, so that the shell's notices of killed jobs can be silenced.
+exec 3>&2
 check() { # NAME COMMAND...: one result, and the command's success as the status
     if "${@:2}"; then passed=$((passed + 1)); return 0; fi
     failed=$((failed + 1))
-    echo "check-runtime: FAIL: $1" >&2
+    echo "check-runtime: FAIL: $1" >&3
     return 1
 }
 # Polls up to 20 s for COMMAND to succeed.
@@ -29,7 +32,17 @@ ended() { [ ! -e "/proc/$1" ] || [ "$(sed 's/.*) //' "/proc/$1/stat" 2>/dev/null
 has() { grep -qxF -- "$2" "$1"; }
 # A TMPDIR of its own, owned by the user under test, so leftovers are plain to see.
 fresh_tmp() { rm -rf "$scratch/tmp"; mkdir "$scratch/tmp"; chown "$1" "$scratch/tmp"; }
-clean_tmp() { [ -z "$(ls -A "$scratch/tmp")" ] && ! grep -q " $scratch/tmp/" /proc/self/mountinfo; }
+# [PID]: mounts as the process PID sees them, for one in a private mount namespace.
+unmounted() { ! grep -q " $scratch/tmp/" "/proc/${1:-self}/mountinfo"; }
+clean_tmp() { [ -z "$(ls -A "$scratch/tmp")" ] && unmounted "${1:-self}"; }
+# The runtime's guard: the other process running the runtime PID's file.
+guard_of() {
+    local exe proc
+    exe=$(readlink "/proc/$1/exe")
+    for proc in /proc/[0-9]*; do
+        [ "${proc#/proc/}" = "$1" ] || [ "$(readlink "$proc/exe")" != "$exe" ] || echo "${proc#/proc/}"
+    done
+}
 
 # The AppDir: AppRun tells what it was handed, then waits on the FIFO $HOLD if set.
 app=$scratch/AppDir
@@ -70,10 +83,30 @@ exec unshare -m sh -c 'mount -t tmpfs none "$scratch/dev" && mknod -m 666 "$scra
     mount --bind "$scratch/dev/fuse" /dev/fuse && exec "\$@"' - "\$@"
 EOF
 chmod 755 "$open_fuse" && mkdir "$scratch/dev"
+# The same on a host whose only helper is fuse 2's fusermount (Debian 11,
+# Ubuntu 20.04): fusermount3 is hidden and the fusermount of Debian's fuse
+# package, setuid on a tmpfs of its own, is first on PATH. The rows that
+# need it are left out where that package cannot be downloaded.
+fuse2_only=
+if (cd "$scratch" && apt-get download fuse) >/dev/null 2>&1 && dpkg-deb -x "$scratch"/fuse_*.deb "$scratch/fuse2"; then
+    fuse2_only=$scratch/fuse2-only
+    cat > "$fuse2_only" <<EOF
+#!/bin/sh
+exec unshare -m sh -c 'mount -t tmpfs -o suid,mode=755 none "$scratch/fuse2/suid" &&
+    install -m 4755 "$scratch/fuse2/bin/fusermount" "$scratch/fuse2/suid/fusermount" &&
+    for helper in /usr/bin/fusermount3 /bin/fusermount3 \$(which -a fusermount3 fusermount); do
+        [ ! -e "\$helper" ] || mount --bind /dev/null "\$helper" || exit 1
+    done && PATH="$scratch/fuse2/suid:\$PATH" exec "$open_fuse" "\$@"' - "\$@"
+EOF
+    chmod 755 "$fuse2_only" && mkdir "$scratch/fuse2/suid"
+else
+    echo "check-runtime: the fuse package (fuse 2) cannot be downloaded: the mounts through its fusermount are not checked" >&2
+fi
 args=(one "two words" "it's \"quoted\"" "" "--appimage-not-ours" '$HOME *')
 
 # Running AppRun: NAME;USER;MOUNTED(1/0);STDERR-LINES;PROGRAM;FIRST-ARGUMENT;VAR=VALUE;WRAPPER
 while IFS=';' read -r name user mounted errlines program first vars wrapper; do
+    [ -n "$name" ] || continue
     fresh_tmp "$user"
     mkdir -p "$scratch/run/$name" && cd "$scratch/run/$name" || exit 1
     env PATH="$scratch/decoy:$PATH" TMPDIR="$scratch/tmp" ${vars:+"$vars"} timeout 60 $wrapper \
@@ -98,6 +131,7 @@ gzip-image;0;1;0;$scratch/gzip.AppImage;;
 blanks-in-path;0;1;0;$scratch/with blanks/my app.AppImage;;
 extract-as-nobody;65534;0;1;$scratch/test.AppImage;;
 mount-as-nobody;65534;1;0;$scratch/test.AppImage;;;$open_fuse
+${fuse2_only:+mount-as-nobody-helper2;65534;1;0;$scratch/test.AppImage;;;$fuse2_only}
 extract-and-run-env;0;0;0;$scratch/test.AppImage;;APPIMAGE_EXTRACT_AND_RUN=1
 extract-and-run-option;0;0;0;$scratch/test.AppImage;--appimage-extract-and-run;
 target-appimage;0;1;0;$scratch/bare;;TARGET_APPIMAGE=$scratch/test.AppImage
@@ -108,25 +142,44 @@ check "no host squashfuse was run" [ ! -e "$scratch/decoy-used" ]
 # Stopping: MODE USER SIGNAL WHOM [WRAPPER]; the runtime's status must be 128 + SIGNAL and nothing left.
 hold=$scratch/fifo/hold
 while read -r mode user signal whom wrapper; do
+    [ -n "$mode" ] || continue
     fresh_tmp "$user"
     rm -f "$hold" "$hold.pid" && mkfifo -m 666 "$hold"
     # Background jobs of a script ignore SIGINT; the runtime must get it as from a terminal.
     env --default-signal HOLD="$hold" TMPDIR="$scratch/tmp" $wrapper setpriv --reuid="$user" --regid="$user" --clear-groups "$scratch/test.AppImage" >/dev/null 2>&1 &
     pid=$!
     check "$mode $signal $whom: AppRun started" wait_for test -s "$hold.pid"
-    if [ "$whom" = runtime ]; then kill -s "$signal" "$pid"; else kill -s "$signal" "$(cat "$hold.pid")"; fi
+    apprun=$(cat "$hold.pid")
+    case $whom in
+        AppRun) kill -s "$signal" "$apprun" ;;
+        runtime) kill -s "$signal" "$pid" ;;
+        runtime+guard) kill -s "$signal" "$pid" $(guard_of "$pid") ;;
+    esac
     # A runtime that kept AppRun from the signal leaves both to be killed here.
-    check "$mode $signal $whom: the runtime ends" wait_for ended "$pid" || kill -9 "$pid" "$(cat "$hold.pid")"
+    check "$mode $signal $whom: the runtime ends" wait_for ended "$pid" || kill -9 "$pid" "$apprun"
     wait "$pid"
     check "$mode $signal $whom: status 128 + $signal" [ $? = $((128 + $(kill -l "$signal"))) ]
-    check "$mode $signal $whom: nothing left" clean_tmp
-done <<EOF
+    # A killed runtime cleans nothing up itself: its guard process takes the
+    # mount down through the helper and removes the directory; with the guard
+    # killed too, the helper's auto_unmount still takes the mount down. Seen
+    # from AppRun, which still runs in the mount namespace it was made in.
+    case "$signal $whom" in
+        "KILL runtime") check "$mode $signal $whom: nothing left, AppRun running" wait_for clean_tmp "$apprun" ;;
+        "KILL runtime+guard") check "$mode $signal $whom: unmounted, AppRun running" wait_for unmounted "$apprun" ;;
+        *) check "$mode $signal $whom: nothing left" clean_tmp ;;
+    esac
+    [[ "$signal $whom" != "KILL runtime"* ]] || kill "$apprun"
+done 2>/dev/null <<EOF
 mount 0 TERM runtime
 mount 0 INT runtime
 mount 0 HUP runtime
 mount 0 KILL AppRun
 mount-nobody 65534 TERM runtime $open_fuse
 mount-nobody 65534 KILL AppRun $open_fuse
+mount-nobody 65534 KILL runtime $open_fuse
+${fuse2_only:+mount-nobody-helper2 65534 TERM runtime $fuse2_only}
+${fuse2_only:+mount-nobody-helper2 65534 KILL runtime $fuse2_only}
+${fuse2_only:+mount-nobody-helper2 65534 KILL runtime+guard $fuse2_only}
 extract 65534 TERM runtime
 extract 65534 KILL AppRun
 EOF
