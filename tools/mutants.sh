@@ -240,6 +240,12 @@ mutant runtime-prefetch-wrong-block packaging/runtime/prefetch.c \
 mutant runtime-read-leftover-misplaced packaging/runtime/prefetch-read.c \
     's/keep_piece(prefetch, ino, start + to, held.data + to,/keep_piece(prefetch, ino, start + to, held.data,/' \
     'check-runtime'
+mutant runtime-fuse2-helper-unused packaging/runtime/mount.c \
+    's/names\[\] = {"fusermount3", "fusermount"};/names[] = {"fusermount3"};/' \
+    'check-runtime'
+mutant runtime-killed-mount-left packaging/runtime/mount.c \
+    's/mount->guard = start_guard(mount);/mount->guard = -1;/' \
+    'check-runtime'
 
 if [ "${1:-}" = --list ]; then
     for i in "${!names[@]}"; do printf '%-36s %s\n' "${names[$i]}" "${files[$i]}"; done
