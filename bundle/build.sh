@@ -4,15 +4,25 @@
 # plugins it loads (bundle/collect.sh), and checked against the host list's
 # floor. What it makes runs on glibc 2.31 and GCC 10's C++ library and newer.
 # The root is kept in BUILD_DIR/debian, so only the first run downloads
-# (about 200 MB); making it needs root and Debian's archive.
-#   bundle/build.sh BUILD_DIR          writes BUILD_DIR/wizard-bundle/x86_64
+# (about 200 MB); making it needs root and Debian's archive. For another
+# machine than the host's, the root is of that architecture and everything
+# in it runs under qemu (tools/debian-root.sh sets that up): slower, the
+# same result as a native build there.
+#   bundle/build.sh BUILD_DIR [ARCH]   writes BUILD_DIR/wizard-bundle/ARCH
+# ARCH is x86_64 or aarch64, by default the host's (uname -m).
 set -euo pipefail
 die() { echo "bundle: $*" >&2; exit 1; }
-[ $# -eq 1 ] || die "usage: bundle/build.sh BUILD_DIR"
+[ $# -eq 1 ] || [ $# -eq 2 ] || die "usage: bundle/build.sh BUILD_DIR [x86_64|aarch64]"
+machine=${2:-$(uname -m)}
+case $machine in
+    x86_64) arch=amd64 ;;
+    aarch64) arch=arm64 ;;
+    *) die "no wizard bundle for $machine: the machines are x86_64 and aarch64" ;;
+esac
 top=$(cd "$(dirname "$0")/.." && pwd)
 mkdir -p "$1"
 build=$(cd "$1" && pwd)
-suite=bullseye arch=amd64 machine=x86_64
+suite=bullseye
 root=$build/debian/$suite-$arch
 bundle=$build/wizard-bundle/$machine
 
@@ -33,8 +43,10 @@ in_root() {
     unshare -m -- sh -c 'mount -t proc proc "$0/proc" && mount --rbind /dev "$0/dev" && exec chroot "$0" "$@"' \
         "$root" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LANG=C.UTF-8 HOME=/root "$@"
 }
+started=$SECONDS
 in_root sh -c "cmake -S $work/src -B $work/build -DTAVELIN_WIZARD_ONLY=ON -DCMAKE_BUILD_TYPE=Release >/dev/null \
-               && cmake --build $work/build -j $(nproc) >/dev/null" || die "tavelin-gui does not build in the $suite root"
+               && cmake --build $work/build -j $(nproc) >/dev/null" || die "tavelin-gui does not build in the $suite root ($arch)"
+echo "bundle: tavelin-gui built in the $suite root ($arch) in $((SECONDS - started)) s"
 in_root "$work/src/bundle/collect.sh" "$work/build/lib/tavelin-gui/tavelin-gui" "$work/src/bundle/host-libraries.txt" \
     "$work/bundle" || die "the wizard's libraries cannot be gathered in the $suite root"
 "$top/packaging/check-floor.sh" "$root$work/bundle" "$top/packaging/host-libraries.txt" >/dev/null \
@@ -46,4 +58,4 @@ mkdir -p "$(dirname "$bundle")"
 cp -a "$root$work/bundle" "$bundle.new"
 rm -rf "$bundle"
 mv "$bundle.new" "$bundle"
-echo "bundle: $bundle ready, built in Debian $suite ($(du -sm "$bundle" | cut -f1) MB)"
+echo "bundle: $bundle ready, built in Debian $suite $arch ($(du -sm "$bundle" | cut -f1) MB)"
