@@ -9,10 +9,11 @@ set -euo pipefail
 top=$(cd "$(dirname "$0")/../.." && pwd)
 fail() { echo "check-runtime-arch: FAIL: $*" >&2; exit 1; }
 [ $# -eq 2 ] || { echo "usage: check-runtime-arch.sh HOST_RUNTIME OTHER_RUNTIME" >&2; exit 2; }
+host=$(readlink -f "$1") other=$(readlink -f "$2")
 scratch=$(mktemp -d /tmp/tavelin-runtime-arch.XXXXXX)
 trap 'rm -rf "$scratch"' EXIT
-"$2" --appimage-version >/dev/null 2>&1 \
-    || fail "$2 does not run here: is its qemu registered with binfmt_misc (tools/debian-root.sh sets it up)?"
+"$other" --appimage-version >/dev/null 2>&1 \
+    || fail "$other does not run here: is its qemu registered with binfmt_misc (tools/debian-root.sh sets it up)?"
 
 # What a payload has: a script, a nested file, a symbolic link, an empty directory.
 appdir=$scratch/AppDir
@@ -23,8 +24,8 @@ echo "hello from the image" > "$appdir/usr/share/demo/hello.txt"
 ln -s usr/share/demo/hello.txt "$appdir/hello"
 for side in host other; do
     mkdir "$scratch/$side"
-    runtime=$1
-    [ "$side" = host ] || runtime=$2
+    runtime=$host
+    [ "$side" = host ] || runtime=$other
     "$top/packaging/make-appimage.sh" "$runtime" "$appdir" "$scratch/$side/t.AppImage" >/dev/null \
         || fail "make-appimage.sh refuses the $side runtime $runtime"
 done
@@ -64,8 +65,8 @@ for row in "${rows[@]}"; do
                 || fail "$options: the trees differ: $(diff "$scratch/host.tree" "$scratch/other.tree" | head -n 10)" ;;
         "own size")
             for side in host other; do
-                runtime=$1
-                [ "$side" = host ] || runtime=$2
+                runtime=$host
+                [ "$side" = host ] || runtime=$other
                 [ "$(head -n 1 "$scratch/$side.out")" = "$(stat -c %s "$runtime")" ] \
                     || fail "$options: the $side runtime says $(head -n 1 "$scratch/$side.out"), its size is $(stat -c %s "$runtime")"
             done ;;
