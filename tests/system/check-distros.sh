@@ -38,7 +38,7 @@ distros=(
 # unprivileged user only through fusermount3, which fuse 2 does not have.
 rows=(
     "bullseye|0|mounted"
-    "bullseye|65534|extracted"
+    "bullseye|65534|mounted"
     "trixie|0|mounted"
     "trixie|65534|mounted"
 )
