@@ -46,9 +46,9 @@ install_runtime() { # file
 }
 
 if [ "$machine" = "$(uname -m)" ]; then
-    [ -f "$build/packaging/runtime/tavelin-runtime" ] \
+    [ -f "$build/runtime/tavelin-runtime" ] \
         || die "$build has no tavelin-runtime: build it first (cmake --build $build --target tavelin-runtime)"
-    install_runtime "$build/packaging/runtime/tavelin-runtime"
+    install_runtime "$build/runtime/tavelin-runtime"
     exit 0
 fi
 
@@ -65,7 +65,7 @@ version=$(sed -n 's/^project(Tavelin VERSION \([0-9.]*\).*/\1/p' "$top/CMakeList
 [ -n "$version" ] || die "no project version in $top/CMakeLists.txt"
 rm -rf "$root$work/src"
 mkdir -p "$root$work/src"
-cp -a "$top/packaging/runtime" "$root$work/src/runtime"
+cp -a "$top/runtime" "$root$work/src/runtime"
 cat > "$root$work/src/CMakeLists.txt" <<EOF
 cmake_minimum_required(VERSION 3.16)
 project(Tavelin VERSION $version LANGUAGES C)

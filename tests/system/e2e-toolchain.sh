@@ -6,7 +6,7 @@
 # demo, elsewhere and under another umask, must give the same bytes; a pack
 # into a file system too small for the AppImage must leave nothing there.
 # Needs root (setpriv, unshare -m, mount) and what e2e-demo.sh needs.
-#   packaging/e2e-toolchain.sh BUILD_DIR
+#   tests/system/e2e-toolchain.sh BUILD_DIR
 set -euo pipefail
 [ $# -eq 1 ] || { echo "usage: e2e-toolchain.sh BUILD_DIR" >&2; exit 2; }
 here=$(cd "$(dirname "$0")" && pwd)
@@ -26,7 +26,7 @@ step "toolchain installed, prefix moved to $scratch/moved"
 # Both packs take the default time stamps.
 name=TavelinDemo-x86_64.AppImage
 mkdir "$scratch/one"
-(cd "$scratch/one" && env -u SOURCE_DATE_EPOCH "$pack" --config "$here/../examples/demo/tavelin-pack.json" \
+(cd "$scratch/one" && env -u SOURCE_DATE_EPOCH "$pack" --config "$here/../../examples/demo/tavelin-pack.json" \
     --appimage "out/$name") | tee "$scratch/one.log" || fail "the pack from the description file failed"
 first=$scratch/one/out/$name
 [ -x "$first" ] || fail "no AppImage at $first: the command line did not override the description file"
@@ -34,10 +34,10 @@ grep -q "^tavelin-pack: done: out/$name, .*; installs 4 files and 3 directories;
     || fail "the summary does not tell the demo's 4 files and 3 directories"
 step "packed from the description file into $first"
 
-"$here/e2e-demo.sh" "$first" "$build/packaging/check/tavelin-x-wmstate" || fail "the packed AppImage does not install"
+"$here/e2e-demo.sh" "$first" "$build/tests/system/tavelin-x-wmstate" || fail "the packed AppImage does not install"
 
 mkdir "$scratch/two"
-(umask 077 && cp -r "$here/../examples/demo" "$scratch/two/demo" && cd "$scratch/two" \
+(umask 077 && cp -r "$here/../../examples/demo" "$scratch/two/demo" && cd "$scratch/two" \
     && env -u SOURCE_DATE_EPOCH "$pack" --config demo/tavelin-pack.json --appimage "$name" >/dev/null) \
     || fail "the second pack failed"
 cmp "$first" "$scratch/two/$name" || fail "two packs of the same demo differ"
@@ -50,7 +50,7 @@ mkdir -p "$scratch/other/tree/bin"
 cp "$(type -P true)" "$scratch/other/tree/bin/other-true"
 printf '[Desktop Entry]\nType=Application\nName=Other\nExec=bin/other-true\n' > "$scratch/other/other.desktop"
 "$pack" --app "$scratch/other/tree" --desktop "$scratch/other/other.desktop" \
-    --icon "$here/../examples/demo/soft/images/tavelin-demo.png" --name-eng Other \
+    --icon "$here/../../examples/demo/soft/images/tavelin-demo.png" --name-eng Other \
     --appimage "$scratch/other/Other.AppImage" > "$scratch/other.log" 2>&1 \
     || fail "the pack of another application failed: $(cat "$scratch/other.log")"
 unsquashfs -q -n -o "$("$scratch/other/Other.AppImage" --appimage-offset)" -d "$scratch/other/AppDir" \
@@ -66,7 +66,7 @@ if unshare -m --propagation private true 2>/dev/null; then
     if unshare -m --propagation private sh -c \
         'mount -t tmpfs -o size=1m tavelin-full "$1" && "$2" --config "$3" --output "$1/payload" --appimage "$1/$4"
          status=$?; ls -A "$1" > "$1.left"; exit $status' \
-        sh "$scratch/full" "$pack" "$here/../examples/demo/tavelin-pack.json" "$name" >"$scratch/full.log" 2>&1; then
+        sh "$scratch/full" "$pack" "$here/../../examples/demo/tavelin-pack.json" "$name" >"$scratch/full.log" 2>&1; then
         fail "the pack into a full file system succeeded"
     fi
     grep -q "tavelin-pack: error: cannot write $scratch/full/$name" "$scratch/full.log" \

@@ -4,7 +4,7 @@
 # into the wizard; the installed program starts through its desktop entry;
 # uninstall.sh, answered y, removes everything. Needs root (to become
 # uid 65534), Xvfb, xdotool, setpriv, gio and desktop-file-validate.
-#   packaging/e2e-demo.sh APPIMAGE WMSTATE
+#   tests/system/e2e-demo.sh APPIMAGE WMSTATE
 # WMSTATE is the tavelin-x-wmstate program of the build.
 set -euo pipefail
 [ $# -eq 2 ] || { echo "usage: e2e-demo.sh APPIMAGE WMSTATE" >&2; exit 2; }
@@ -79,7 +79,7 @@ done
 [ -f "$location/uninstall.sh" ] || fail "no uninstall.sh in $location after 30 s"
 step "installed into $location"
 
-diff -r --exclude=uninstall.sh "$(dirname "$0")/../examples/demo/soft/app" "$location" >"$scratch/tree.diff" \
+diff -r --exclude=uninstall.sh "$(dirname "$0")/../../examples/demo/soft/app" "$location" >"$scratch/tree.diff" \
     || fail "the installed tree differs from the payload's: $(cat "$scratch/tree.diff")"
 [ -f "$entry" ] || fail "no desktop entry at $entry"
 desktop-file-validate "$entry" || fail "desktop-file-validate rejects $entry"

@@ -2,7 +2,7 @@
 # Checks an AppImage file against the system's own readers: libappimage must
 # see type 2 with its payload right behind the runtime and AppRun and the
 # manifest in it, and unsquashfs at that offset must list the same tree.
-#   packaging/check-appimage.sh APPIMAGE RUNTIME INSPECT
+#   tests/system/check-appimage.sh APPIMAGE RUNTIME INSPECT
 # INSPECT is the tavelin-appimage-inspect program of the build.
 set -euo pipefail
 [ $# -eq 3 ] || { echo "usage: check-appimage.sh APPIMAGE RUNTIME INSPECT" >&2; exit 2; }

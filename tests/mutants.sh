@@ -2,21 +2,21 @@
 # Plants known faults in a scratch copy of the product code, one at a time,
 # and tells which of them the test suite catches. Each fault changes exactly
 # one line; it must build, and the tests named for it must then fail.
-#   tools/mutants.sh            every fault
-#   tools/mutants.sh REGEX      only the faults whose names match REGEX
-#   tools/mutants.sh --list     the faults, without running anything
+#   tests/mutants.sh            every fault
+#   tests/mutants.sh REGEX      only the faults whose names match REGEX
+#   tests/mutants.sh --list     the faults, without running anything
 # The copy and its build live in ${TAVELIN_MUTANTS_DIR:-${TMPDIR:-/tmp}/tavelin-mutants}
 # and are kept between runs, so a second run only rebuilds what changed.
 # Some faults are caught only as root (private PID and mount namespaces,
 # unprivileged children): run it as root, as CI runs the suite.
 # Exits non-zero when a fault is missed, does not apply or does not build.
 set -uo pipefail
-cd "$(dirname "$0")/.."
+cd "$(dirname "$0")/../.."
 top=$PWD
 
 names=() files=() edits=() tests=()
 # mutant NAME FILE SED-EXPRESSION TESTS (a ctest regex, or check-runtime:
-# packaging/check-runtime.sh on the built runtime)
+# tests/system/check-runtime.sh on the built runtime)
 mutant() { names+=("$1"); files+=("$2"); edits+=("$3"); tests+=("$4"); }
 
 # The manifest and the JSON loader
@@ -188,62 +188,62 @@ mutant config-link-not-resolved lib/tavelin-gui/tavelinconfig.cpp \
     's/srcAppFilesDir = bRelative ? QFileInfo(strFilesDir).canonicalFilePath() : strFilesDir;/srcAppFilesDir = bRelative ? QFileInfo(strFilesDir).absoluteFilePath() : strFilesDir;/' \
     'tst_dtavelinguiconfig'
 # The packer
-mutant pack-hidden-counted packaging/pack/DPackTree.cpp \
+mutant pack-hidden-counted pack/DPackTree.cpp \
     's/dir.entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot, QDir::Name | QDir::IgnoreCase);/dir.entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot, QDir::Name | QDir::IgnoreCase);/' \
     'tst_tavelinpack'
-mutant pack-loop-not-refused packaging/pack/DPackTree.cpp \
+mutant pack-loop-not-refused pack/DPackTree.cpp \
     's/if (ancestors.contains(strCanonical)) {/if (false) {/' \
     'tst_tavelinpack'
-mutant pack-output-not-checked packaging/pack/DPacker.cpp \
+mutant pack-output-not-checked pack/DPacker.cpp \
     's/if (dirOutput.exists() \&\& !dirOutput.isEmpty(/if (false \&\& !dirOutput.isEmpty(/' \
     'tst_tavelinpack'
-mutant pack-config-over-command-line packaging/pack/DPackCommandLine.cpp \
+mutant pack-config-over-command-line pack/DPackCommandLine.cpp \
     's/if (parser.isSet(strName))$/if (parser.isSet(strName) \&\& !config.contains(strName))/' \
     'tst_tavelinpack'
-mutant pack-config-paths-from-cwd packaging/pack/DPackConfig.cpp \
+mutant pack-config-paths-from-cwd pack/DPackConfig.cpp \
     's/QFileInfo(strFile).absoluteDir().filePath(strValue)/QDir::current().filePath(strValue)/' \
     'tst_tavelinpack'
-mutant pack-config-any-type packaging/pack/DPackConfig.cpp \
+mutant pack-config-any-type pack/DPackConfig.cpp \
     's/if (!it.value().isString())/if (it.value().isNull())/' \
     'tst_tavelinpack'
-mutant pack-created-dir-left packaging/pack/DPackRun.cpp \
+mutant pack-created-dir-left pack/DPackRun.cpp \
     's/QDir(strCreatedDir).removeRecursively();/QDir().rmdir(strCreatedDir);/' \
     'tst_tavelinpack'
-mutant pack-count-files-only packaging/pack/DPacker.cpp \
+mutant pack-count-files-only pack/DPacker.cpp \
     's/info.install.filesTotalCount = scan.count();/info.install.filesTotalCount = scan.count() - getDirCount();/' \
     'tst_tavelinpack'
-mutant pack-bundle-not-checked packaging/pack/DPackToolchain.cpp \
+mutant pack-bundle-not-checked pack/DPackToolchain.cpp \
     's/if (!fiWizard.isFile() || !fiWizard.isExecutable()) {/if (false) {/' \
     'tst_tavelinpack'
 mutant floor-versions-unchecked packaging/check-floor.sh \
     's/\[ -n "\${floor\[\$prefix\]:-}" \] || continue/continue/' \
     'tst_tavelinpack'
 # The runtime, judged by its whole-program check ("check-runtime" runs it)
-mutant runtime-offset-off-by-one packaging/runtime/elffile.c \
+mutant runtime-offset-off-by-one runtime/elffile.c \
     's/uint64_t end = header.e_shoff + (uint64_t)header.e_shnum \* header.e_shentsize;/uint64_t end = header.e_shoff + (uint64_t)header.e_shnum * header.e_shentsize + 1;/' \
     'check-runtime'
-mutant runtime-extract-follows-dir-link packaging/runtime/extract.c \
+mutant runtime-extract-follows-dir-link runtime/extract.c \
     's/const int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;/const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;/' \
     'check-runtime'
-mutant runtime-signal-not-forwarded packaging/runtime/launch.c \
+mutant runtime-signal-not-forwarded runtime/launch.c \
     's/kill(child, (int)info.ssi_signo);/kill(child, 0);/' \
     'check-runtime'
-mutant runtime-mount-point-left packaging/runtime/runtime.c \
+mutant runtime-mount-point-left runtime/runtime.c \
     '/^static int run(/,/^}/{/mount_close(mount);/{n;s/rmdir(dir);/(void)dir;/}}' \
     'check-runtime'
-mutant runtime-extract-keeps-old-entry packaging/runtime/extract.c \
+mutant runtime-extract-keeps-old-entry runtime/extract.c \
     's/if (unlinkat(dir, name, 0) != 0 \&\& errno != ENOENT)/if (0)/' \
     'check-runtime'
-mutant runtime-prefetch-wrong-block packaging/runtime/prefetch.c \
+mutant runtime-prefetch-wrong-block runtime/prefetch.c \
     's/failed = read_block(prefetch, job, block, slot->data, \&size) != 0;/failed = read_block(prefetch, job, block ? block - 1 : 0, slot->data, \&size) != 0;/' \
     'check-runtime'
-mutant runtime-read-leftover-misplaced packaging/runtime/prefetch-read.c \
+mutant runtime-read-leftover-misplaced runtime/prefetch-read.c \
     's/keep_piece(prefetch, ino, start + to, held.data + to,/keep_piece(prefetch, ino, start + to, held.data,/' \
     'check-runtime'
-mutant runtime-fuse2-helper-unused packaging/runtime/mount.c \
+mutant runtime-fuse2-helper-unused runtime/mount.c \
     's/names\[\] = {"fusermount3", "fusermount"};/names[] = {"fusermount3"};/' \
     'check-runtime'
-mutant runtime-killed-mount-left packaging/runtime/mount.c \
+mutant runtime-killed-mount-left runtime/mount.c \
     's/mount->guard = start_guard(mount);/mount->guard = -1;/' \
     'check-runtime'
 
@@ -276,7 +276,7 @@ cmake -S "$src" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >"$log/configure.t
 build_copy || { echo "mutants: the unchanged copy does not build, see $log/build.txt" >&2; exit 2; }
 run_tests() { # regex log
     if [ "$1" = check-runtime ]; then
-        nice "$src/packaging/check-runtime.sh" "$build/packaging/runtime/tavelin-runtime" >"$2" 2>&1
+        nice "$src/tests/system/check-runtime.sh" "$build/runtime/tavelin-runtime" >"$2" 2>&1
     else
         (cd "$build" && nice ctest --timeout 240 -j "$(nproc)" -R "^($1)\$" --output-on-failure) >"$2" 2>&1
     fi

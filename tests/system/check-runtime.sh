@@ -5,7 +5,7 @@
 # however AppRun or the runtime ends, every --appimage-* option, links that
 # must not lead extraction out of squashfs-root, and files that are no AppImage.
 # Needs root. Prints one summary line; the failures, if any, before it.
-#   packaging/check-runtime.sh RUNTIME
+#   tests/system/check-runtime.sh RUNTIME
 set -uo pipefail
 [ $# -eq 1 ] && [ "$(id -u)" = 0 ] || { echo "usage: check-runtime.sh RUNTIME (as root)" >&2; exit 2; }
 command -v mksquashfs >/dev/null || { echo "check-runtime: mksquashfs not found (squashfs-tools)" >&2; exit 2; }

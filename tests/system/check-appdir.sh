@@ -2,7 +2,7 @@
 # Proves an AppDir self-contained: in a private mount namespace that hides
 # the system's Qt (its plugin tree and every libQt5*.so), the wizard must
 # start and map Qt and its platform plugin from the AppDir alone.
-#   packaging/check-appdir.sh APPDIR [SYSTEM_QT_BINARY]
+#   tests/system/check-appdir.sh APPDIR [SYSTEM_QT_BINARY]
 # SYSTEM_QT_BINARY, a program linked to the system's Qt, must fail to start
 # under the same hiding: that shows the hiding works. Needs root (unshare -m).
 set -euo pipefail

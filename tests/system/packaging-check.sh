@@ -6,24 +6,24 @@
 # it again, reproducibly, and the whole install, launch and uninstall works
 # on Xvfb as an unprivileged user. Needs root.
 set -euo pipefail
-cd "$(dirname "$0")/.."
+cd "$(dirname "$0")/../.."
 appimage=$(tools/demo-appimage.sh | tail -n 1)
 cmake --build build -j "$(nproc)" --target tavelin-appimage-inspect tavelin-x-wmstate >/dev/null
-packaging/check-appimage.sh "$appimage" build/packaging/runtime/tavelin-runtime \
-    build/packaging/check/tavelin-appimage-inspect
-packaging/check-runtime.sh build/packaging/runtime/tavelin-runtime
+tests/system/check-appimage.sh "$appimage" build/runtime/tavelin-runtime \
+    build/tests/system/tavelin-appimage-inspect
+tests/system/check-runtime.sh build/runtime/tavelin-runtime
 
 # The AppDir as shipped, unpacked from the AppImage.
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 unsquashfs -q -n -o "$("$appimage" --appimage-offset)" -d "$scratch/AppDir" "$appimage" >/dev/null
 packaging/check-floor.sh "$scratch/AppDir" packaging/host-libraries.txt
-packaging/check-appdir.sh "$scratch/AppDir" build/lib/tavelin-gui/tavelin-gui
+tests/system/check-appdir.sh "$scratch/AppDir" build/lib/tavelin-gui/tavelin-gui
 # What ships is what is tested: the real-binary test again, on the portable wizard.
 TAVELIN_GUI_UNDER_TEST=$PWD/build/wizard-bundle/$(uname -m)/usr/bin/tavelin-gui \
     ctest --test-dir build --output-on-failure -R '^tst_main$'
-packaging/check-signature.sh build/packaging/runtime/tavelin-runtime "$scratch/AppDir" build/packaging/pack/tavelin-pack
-packaging/e2e-toolchain.sh build
+tests/system/check-signature.sh build/runtime/tavelin-runtime "$scratch/AppDir" build/pack/tavelin-pack
+tests/system/e2e-toolchain.sh build
 tests/system/check-build-root.sh
 # The demo AppImage on Debian 11 and 13 as a user's desktop has them.
-tests/system/check-distros.sh "$appimage" build/packaging/check/tavelin-x-wmstate build/debian
+tests/system/check-distros.sh "$appimage" build/tests/system/tavelin-x-wmstate build/debian

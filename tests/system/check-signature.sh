@@ -13,7 +13,7 @@
 #   the signed file is good, one changed byte of the payload or of .upd_info
 #   makes it bad, an unsigned file or one that is no AppImage is refused;
 # - the unsigned file's three sections are all zero.
-#   packaging/check-signature.sh RUNTIME APPDIR TAVELIN_PACK
+#   tests/system/check-signature.sh RUNTIME APPDIR TAVELIN_PACK
 set -euo pipefail
 [ $# -eq 3 ] || { echo "usage: check-signature.sh RUNTIME APPDIR TAVELIN_PACK" >&2; exit 2; }
 here=$(cd "$(dirname "$0")" && pwd)
@@ -43,9 +43,9 @@ gpg_in "$scratch/signer" --passphrase '' --quick-gen-key 'Tavelin Test <test@exa
 fingerprint=$(gpg_in "$scratch/signer" --with-colons --list-secret-keys | awk -F: '$1 == "fpr" { print $10; exit }')
 update='zsync|https://tavelin.example.invalid/TavelinDemo-x86_64.AppImage.zsync'
 signed=$scratch/signed.AppImage unsigned=$scratch/unsigned.AppImage
-GNUPGHOME=$scratch/signer "$here/make-appimage.sh" --update-information "$update" --sign-key test@example.invalid \
+GNUPGHOME=$scratch/signer "$here/../../packaging/make-appimage.sh" --update-information "$update" --sign-key test@example.invalid \
     "$runtime" "$appdir" "$signed" >/dev/null
-"$here/make-appimage.sh" "$runtime" "$appdir" "$unsigned" >/dev/null
+"$here/../../packaging/make-appimage.sh" "$runtime" "$appdir" "$unsigned" >/dev/null
 
 # objdump here, where make-appimage.sh reads readelf: "OFFSET SIZE", decimal.
 section() { # name
