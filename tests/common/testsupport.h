@@ -1,7 +1,5 @@
 #pragma once
 
-#include "mainwindow.h"
-
 #include <QByteArray>
 #include <QString>
 #include <QStringList>
@@ -43,12 +41,6 @@ TScriptRun runUninstallScript(const QString& strShell, const QString& strScript,
 /// Empty when install runs may write their desktop entry; else why not. As
 /// root that needs the private /usr/share/applications of tests/isolated.sh.
 QString applicationsDirUnavailable();
-/// Where a run puts its desktop entry for the current user.
-QString applicationsDir();
-
-/// Writes a payload (manifest, desktop entry, the app tree's files, each
-/// holding its own name) below strAppDir and loads the configuration from it.
-bool loadPayload(const QString& strAppDir, int filesTotalCount, const QStringList& appFiles);
 
 /// A FIFO that holds a worker inside QFile::open until released: a worker
 /// reading through it waits for its writer, one writing into it for its reader.
@@ -66,22 +58,6 @@ public:
 private:
     QString strPath;
     int fdWriter = -1;
-};
-
-/// MainWindow with the run's slots and state open to the tests.
-class DProbeWindow : public MainWindow
-{
-public:
-    using MainWindow::onclickCancel;
-    using MainWindow::onclickCreate;
-    using MainWindow::timerProcRefresh;
-    void setState(EInstallState state) { flagOfInstallState = state; }
-    void setCounter(int value) { copyFilesCounter = value; }
-    int counter() const { return copyFilesCounter; }
-    bool timerActive() const { return timerRefresh.isActive(); }
-    void startTick() { timerRefresh.start(500); }
-    QPushButton* createButton() const { return btnCreate; }
-    QPushButton* cancelButton() const { return btnCancel; }
 };
 
 } // namespace TestSupport

@@ -1,7 +1,7 @@
 // The switch to root, pressed in this process's own wizard: a pkexec stand-in
 // first in PATH records what it is asked to run and answers as told. The new
 // wizard's side, the kill of FORKPID, is tst_main's.
-#include "testsupport.h"
+#include "wizardsupport.h"
 
 #include <QPushButton>
 #include <QTemporaryDir>

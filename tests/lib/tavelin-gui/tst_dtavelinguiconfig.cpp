@@ -1,4 +1,4 @@
-#include "testsupport.h"
+#include "wizardsupport.h"
 
 #include <QTemporaryDir>
 #include <QtTest>
