@@ -42,6 +42,7 @@ const TOptionSpec g_options[] = {
 
 const char* const g_config = "config";
 const char* const g_verify = "verify";
+const char* const g_payloadLayout = "payload-layout";
 
 } // namespace
 
@@ -63,6 +64,9 @@ DPackCommandLine::DPackCommandLine()
                                                        "AppImage with the key embedded beside it, prints who "
                                                        "signed it and exits 0 when it is good."),
                                         QStringLiteral("file")));
+    parser.addOption(QCommandLineOption(QLatin1String(g_payloadLayout),
+                                        QStringLiteral("Instead of packing: prints the payload's paths, one "
+                                                       "key=path line each, as the AppDir script reads them.")));
 }
 
 bool DPackCommandLine::parse(const QStringList& arguments)
@@ -74,6 +78,12 @@ bool DPackCommandLine::parse(const QStringList& arguments)
         return false;
     if (!parser.positionalArguments().isEmpty())
         return refuse(QStringLiteral("unexpected argument %1").arg(parser.positionalArguments().first()), 2);
+    if (parser.isSet(QLatin1String(g_payloadLayout))) {
+        if (parser.optionNames().size() > 1)
+            return refuse(QStringLiteral("--payload-layout takes no other option"), 2);
+        bLayoutAsked = true;
+        return true;
+    }
     if (parser.isSet(QLatin1String(g_verify))) {
         if (parser.optionNames().size() > 1)
             return refuse(QStringLiteral("--verify takes no other option"), 2);

@@ -24,6 +24,8 @@ public:
     /// The exit status for the error: 2 for the command line, 1 for the file.
     int getErrorStatus() const { return errorStatus; }
     bool isHelpAsked() const { return bHelpAsked; }
+    /// --payload-layout: print the layout instead of packing.
+    bool isLayoutAsked() const { return bLayoutAsked; }
     QString helpText() const { return parser.helpText(); }
 
 private:
@@ -36,4 +38,5 @@ private:
     QString strError;
     int errorStatus = 0;
     bool bHelpAsked = false;
+    bool bLayoutAsked = false;
 };

@@ -128,6 +128,10 @@ bool DPackRun::runTool(const QString& strProgram, const QStringList& arguments)
     QProcess process;
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.setStandardInputFile(QProcess::nullDevice());
+    // The AppDir script takes the payload's layout from here, not from a copy of its own.
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("TAVELIN_PAYLOAD_LAYOUT"), DPacker::payloadLayout());
+    process.setProcessEnvironment(environment);
     process.start(strProgram, arguments);
     const bool bRan = process.waitForFinished(-1) && process.exitStatus() == QProcess::NormalExit;
     if (bRan && process.exitCode() == 0)

@@ -3,6 +3,7 @@
 #include "DAppPackModel.h"
 #include "DPackChecks.h"
 #include "DPackTree.h"
+#include "mainwindow.h"
 
 #include <QDir>
 #include <QFile>
@@ -90,6 +91,14 @@ bool DPacker::checkOutputDir(const QString& strOutputDir)
     return true;
 }
 
+QString DPacker::payloadLayout()
+{
+    return QStringLiteral("payload=%1\nmanifest=%2\napp=%3\ndesktop=%4\nimages=%5\n")
+        .arg(DTavelinGuiConfig::getPayloadDir(), DTavelinGuiConfig::getManifestPath(),
+             DTavelinGuiConfig::getAppFilesPath(), DTavelinGuiConfig::getDesktopDirPath(),
+             DTavelinGuiConfig::getImagesDirPath());
+}
+
 bool DPacker::write(const TPackRequest& request, const QString& strOutputDir)
 {
     if (strOutputDir.isEmpty()) {
@@ -97,7 +106,7 @@ bool DPacker::write(const TPackRequest& request, const QString& strOutputDir)
         return false;
     }
     strCreatedDir = DPackTree::outermostMissing(strOutputDir);
-    strSoftDir = QDir(strOutputDir).filePath(QStringLiteral("soft"));
+    strSoftDir = QDir(strOutputDir).filePath(DTavelinGuiConfig::getPayloadDir());
     if (!writePayload(request)) {
         removePayload();
         return false;
@@ -118,17 +127,17 @@ void DPacker::removePayload()
 
 bool DPacker::writePayload(const TPackRequest& request)
 {
-    const QDir dirSoft(strSoftDir);
-    const QString strDesktopDir = dirSoft.filePath(QStringLiteral("desktop/share/applications"));
-    const QString strImagesDir = dirSoft.filePath(QStringLiteral("images"));
+    const QDir dirOutput = QFileInfo(strSoftDir).dir();
+    const QString strDesktopDir = dirOutput.filePath(DTavelinGuiConfig::getDesktopDirPath());
+    const QString strImagesDir = dirOutput.filePath(DTavelinGuiConfig::getImagesDirPath());
     if (!QDir().mkpath(strDesktopDir) || !QDir().mkpath(strImagesDir)) {
-        strError = QStringLiteral("cannot create %1").arg(dirSoft.path());
+        strError = QStringLiteral("cannot create %1").arg(strSoftDir);
         return false;
     }
-    return DPackTree::copy(request.appTree, scan, dirSoft.filePath(QStringLiteral("app")), strError)
+    return DPackTree::copy(request.appTree, scan, dirOutput.filePath(DTavelinGuiConfig::getAppFilesPath()), strError)
         && copyFile(request.desktopEntry, QDir(strDesktopDir).filePath(QFileInfo(request.desktopEntry).fileName()))
         && copyFile(request.icon, QDir(strImagesDir).filePath(QFileInfo(request.icon).fileName()))
-        && writeManifest(request, dirSoft.filePath(QStringLiteral("mainifest.json")));
+        && writeManifest(request, dirOutput.filePath(DTavelinGuiConfig::getManifestPath()));
 }
 
 bool DPacker::copyFile(const QString& strSrc, const QString& strDst)
@@ -158,9 +167,9 @@ bool DPacker::writeManifest(const TPackRequest& request, const QString& strPath)
     info.files.mainExePath = utf8(request.mainExePath);
     // Carried only: paths inside the payload and the file's name, so that the
     // bytes do not depend on where the sources and the output lie.
-    info.appearance.iconPath = utf8(QStringLiteral("soft/images/") + QFileInfo(request.icon).fileName());
+    info.appearance.iconPath = utf8(DTavelinGuiConfig::getImagesDirPath() + QLatin1Char('/') + QFileInfo(request.icon).fileName());
     info.appearance.desktopPath =
-        utf8(QStringLiteral("soft/desktop/share/applications/") + QFileInfo(request.desktopEntry).fileName());
+        utf8(DTavelinGuiConfig::getDesktopDirPath() + QLatin1Char('/') + QFileInfo(request.desktopEntry).fileName());
     info.appearance.shortcutOnStartMenu = 1;
     info.other.installPkgPath = utf8(QFileInfo(request.appImage).fileName());
     info.other.installPkgName = utf8(request.dir.isEmpty() ? request.nameEng : request.dir) + "-" + utf8(request.version);

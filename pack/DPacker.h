@@ -33,6 +33,8 @@ struct TPackRequest
 class DPacker
 {
 public:
+    /// The payload's paths as "key=path" lines, for the AppDir script.
+    static QString payloadLayout();
     /// check(), then write() into request.outputDir.
     bool pack(const TPackRequest& request);
     /// Every refusal, before anything is written.

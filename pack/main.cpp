@@ -28,6 +28,10 @@ int main(int argc, char* argv[])
         printLine(stderr, QStringLiteral("error: "), commandLine.getError());
         return commandLine.getErrorStatus();
     }
+    if (commandLine.isLayoutAsked()) {
+        std::fputs(DPacker::payloadLayout().toLocal8Bit().constData(), stdout);
+        return 0;
+    }
     if (!commandLine.getVerifyFile().isEmpty()) {
         DPackVerify verify;
         if (!verify.verify(commandLine.getVerifyFile())) {

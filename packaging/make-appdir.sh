@@ -4,14 +4,28 @@
 # AppRun, a desktop entry and the icon at the root; then checks that nothing
 # in it asks the host for more than the host list grants.
 #   packaging/make-appdir.sh PAYLOAD_DIR WIZARD_BUNDLE APPDIR
-# PAYLOAD_DIR holds soft/ as tavelin-pack writes it; APPDIR must not exist.
+# PAYLOAD_DIR holds the payload as tavelin-pack writes it; APPDIR must not
+# exist. The payload's layout comes from tavelin-pack: from the environment
+# when it runs this script, else from TAVELIN_PACK, the tavelin-pack beside
+# an installed toolchain or the one on PATH.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 die() { echo "make-appdir: $*" >&2; exit 1; }
 
 [ $# -eq 3 ] || die "usage: make-appdir.sh PAYLOAD_DIR WIZARD_BUNDLE APPDIR"
 payload=$1 bundle=$2 appdir=$3
-manifest=$payload/soft/mainifest.json
+if [ -z "${TAVELIN_PAYLOAD_LAYOUT:-}" ]; then
+    pack=${TAVELIN_PACK:-$here/../../bin/tavelin-pack}
+    [ -x "$pack" ] || pack=$(command -v tavelin-pack) \
+        || die "tavelin-pack not found, which knows the payload's layout: set TAVELIN_PACK"
+    TAVELIN_PAYLOAD_LAYOUT=$("$pack" --payload-layout) || die "$pack --payload-layout failed"
+fi
+layout() { # key
+    sed -n "s/^$1=//p" <<<"$TAVELIN_PAYLOAD_LAYOUT"
+}
+payload_dir=$(layout payload) images=$(layout images)
+manifest=$payload/$(layout manifest)
+[ -n "$payload_dir" ] && [ -n "$images" ] || die "no payload layout in TAVELIN_PAYLOAD_LAYOUT"
 [ -f "$manifest" ] || die "$manifest not found: pack the application with tavelin-pack first"
 [ -x "$bundle/usr/bin/tavelin-gui" ] && [ -f "$bundle/.tavelin-preload" ] \
     || die "$bundle is no wizard bundle (usr/bin/tavelin-gui, .tavelin-preload)"
@@ -24,12 +38,12 @@ manifest_value() { # key
 name=$(manifest_value nameEng)
 app_icon=$(manifest_value appIcon)
 [ -n "$name" ] || die "the manifest names no base.nameEng"
-[ -f "$payload/soft/images/$app_icon" ] || die "icon soft/images/$app_icon missing from the payload"
+[ -f "$payload/$images/$app_icon" ] || die "icon $images/$app_icon missing from the payload"
 
 # The wizard and its Qt as built for the oldest distributions we start on.
 mkdir -p "$appdir"
 cp -a "$bundle/usr" "$bundle/.tavelin-preload" "$appdir/"
-cp -a "$payload/soft" "$appdir/soft"
+cp -a "$payload/$payload_dir" "$appdir/$payload_dir"
 
 # The AppImage's own entry and icon: the installer, not the application.
 icon_name=tavelin-installer-$(basename "${app_icon%.*}")
@@ -37,7 +51,7 @@ case $app_icon in
     *.*) icon_ext=${app_icon##*.} ;;
     *) icon_ext=png ;;
 esac
-cp "$payload/soft/images/$app_icon" "$appdir/$icon_name.$icon_ext"
+cp "$payload/$images/$app_icon" "$appdir/$icon_name.$icon_ext"
 ln -s "$icon_name.$icon_ext" "$appdir/.DirIcon"
 cat > "$appdir/tavelin-installer.desktop" <<DESKTOP
 [Desktop Entry]

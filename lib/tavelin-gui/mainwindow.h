@@ -38,6 +38,14 @@ public:
 
     void init();
 
+    /// The payload's layout, relative to the AppDir; the packer writes it
+    /// from these too.
+    static QString getPayloadDir();
+    static QString getManifestPath();
+    static QString getAppFilesPath();
+    static QString getDesktopDirPath();
+    static QString getImagesDirPath();
+
     TAppPackInfo* getAppPackInfo();
     QString getEnvAppImage() const;
     void setEnvAppImage(const QString& value);

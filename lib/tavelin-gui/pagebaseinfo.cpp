@@ -166,8 +166,9 @@ void DPageBaseInfo::initBiz()
     const TAppPackInfo* appPackInfo = DTavelinGuiConfig::getInstance().getAppPackInfo();
 
     // No current-directory form here: without APPDIR the path starts at "/".
-    const QString strFileAppIcon = QStringLiteral("%1/soft/images/%2")
+    const QString strFileAppIcon = QStringLiteral("%1/%2/%3")
                                        .arg(DTavelinGuiConfig::getInstance().getEnvAppDir(),
+                                            DTavelinGuiConfig::getImagesDirPath(),
                                             QString::fromStdString(appPackInfo->install.appIcon));
     const QFileInfo fiAppIcon(strFileAppIcon);
     QPixmap pixmap;

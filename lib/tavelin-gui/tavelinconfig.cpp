@@ -52,11 +52,11 @@ void DTavelinGuiConfig::init()
     // payload is found through the current directory and made absolute.
     const bool bRelative = envAppDir.isEmpty();
     const QString strRoot = bRelative ? QString() : envAppDir + QLatin1Char('/');
-    const QString strManifest = strRoot + QStringLiteral("soft/mainifest.json");
+    const QString strManifest = strRoot + getManifestPath();
     JsonUtil::initObjFromJsonFile(strManifest.toStdString(), *appPackInfo);
 
-    const QString strFilesDir = strRoot + QStringLiteral("soft/app");
-    const QString strDesktop = strRoot + QStringLiteral("soft/desktop/share/applications/")
+    const QString strFilesDir = strRoot + getAppFilesPath();
+    const QString strDesktop = strRoot + getDesktopDirPath() + QLatin1Char('/')
         + QString::fromStdString(appPackInfo->install.desktopFile);
     srcAppFilesDir = bRelative ? QFileInfo(strFilesDir).canonicalFilePath() : strFilesDir;
     srcAppDesktopDir = bRelative ? QFileInfo(strDesktop).canonicalFilePath() : strDesktop;
