@@ -131,6 +131,7 @@ bool DPackRun::runTool(const QString& strProgram, const QStringList& arguments)
     // The AppDir script takes the payload's layout from here, not from a copy of its own.
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("TAVELIN_PAYLOAD_LAYOUT"), DPacker::payloadLayout());
+    environment.insert(QStringLiteral("TAVELIN_HOST_LIBRARIES"), toolchain.hostLibraries);
     process.setProcessEnvironment(environment);
     process.start(strProgram, arguments);
     const bool bRan = process.waitForFinished(-1) && process.exitStatus() == QProcess::NormalExit;

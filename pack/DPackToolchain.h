@@ -10,11 +10,14 @@ struct TPackToolchain
     QString runtime;
     QString makeAppDir;
     QString makeAppImage;
+    /// What an AppImage may take from the host, for the floor check.
+    QString hostLibraries;
 };
 
 /// Finds the toolchain from the running tavelin-pack's own directory: an
-/// installed one keeps it in ../lib/tavelin and ../share/tavelin, so that the
-/// prefix may move; one run from the build tree takes the build tree's.
+/// installed one keeps it in ../libexec/tavelin and ../share/tavelin, so that
+/// the prefix may move; one run from the build tree reads where the build
+/// tree's pieces are from tavelin-pack-build-tree.txt beside it.
 /// TAVELIN_WIZARD_BUNDLE, when set, names another wizard bundle.
 class DPackToolchain
 {
@@ -22,4 +25,7 @@ public:
     static TPackToolchain locate(const QString& strProgramDir);
     /// False, with strError naming the first piece missing.
     static bool check(const TPackToolchain& toolchain, QString& strError);
+
+private:
+    static bool missing(const QString& strPiece, QString& strError);
 };

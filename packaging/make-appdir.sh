@@ -81,6 +81,11 @@ chmod 0755 "$appdir/AppRun"
 find "$appdir" -type d -exec chmod 0755 {} +
 find "$appdir" -type f -perm /0111 -exec chmod 0755 {} +
 find "$appdir" -type f ! -perm /0111 -exec chmod 0644 {} +
-"$here/check-floor.sh" "$appdir" "$here/host-libraries.txt" || die "$appdir asks the host for more than it grants"
+# The host list: tavelin-pack names it; else beside this script in a checkout,
+# or in share/tavelin of an installed toolchain.
+hosts=${TAVELIN_HOST_LIBRARIES:-$here/host-libraries.txt}
+[ -f "$hosts" ] || hosts=$here/../../share/tavelin/host-libraries.txt
+[ -f "$hosts" ] || die "host-libraries.txt not found: set TAVELIN_HOST_LIBRARIES"
+"$here/check-floor.sh" "$appdir" "$hosts" || die "$appdir asks the host for more than it grants"
 echo "make-appdir: $appdir ready ($(ls "$appdir/usr/lib" | wc -l) libraries, $(ls "$appdir"/usr/plugins/*/*.so | wc -l) plugins," \
      "$(du -sb "$appdir" | cut -f1) bytes)"

@@ -22,6 +22,19 @@ mv "$scratch/prefix" "$scratch/moved"
 pack=$scratch/moved/bin/tavelin-pack
 step "toolchain installed, prefix moved to $scratch/moved"
 
+# Nothing installed names the trees it was built from, as 8-bit text or as
+# the UTF-16 of Qt's string literals.
+as_pattern() { # text encoding: a grep -P pattern of its bytes
+    printf '%s' "$1" | iconv -t "$2" | od -An -tx1 -v | tr -s ' \n' ' ' | sed 's/ *$//; s/ /\\x/g'
+}
+for tree in "$build" "$(cd "$here/../.." && pwd)"; do
+    for encoding in UTF-8 UTF-16LE; do
+        found=$(grep -rlaP "$(as_pattern "$tree" "$encoding")" "$scratch/moved" | head -n 3 | tr '\n' ' ') || true
+        [ -z "$found" ] || fail "installed files name $tree ($encoding): $found"
+    done
+done
+step "no installed file names the build or the source tree, in UTF-8 or UTF-16"
+
 # The description file names ../../out/...; the command line overrides it.
 # Both packs take the default time stamps.
 name=TavelinDemo-x86_64.AppImage
@@ -55,7 +68,7 @@ printf '[Desktop Entry]\nType=Application\nName=Other\nExec=bin/other-true\n' > 
     || fail "the pack of another application failed: $(cat "$scratch/other.log")"
 unsquashfs -q -n -o "$("$scratch/other/Other.AppImage" --appimage-offset)" -d "$scratch/other/AppDir" \
     "$scratch/other/Other.AppImage" >/dev/null
-"$scratch/moved/share/tavelin/check-floor.sh" "$scratch/other/AppDir" "$scratch/moved/share/tavelin/host-libraries.txt" \
+"$scratch/moved/libexec/tavelin/check-floor.sh" "$scratch/other/AppDir" "$scratch/moved/share/tavelin/host-libraries.txt" \
     || fail "the AppImage of another application asks the host for more than the host list"
 step "another application packed; its image asks the host for nothing beyond the host list"
 
