@@ -2,8 +2,8 @@
 #include <ll.h>
 
 #include "mount.h"
-#include "prefetch.h"
-#include "preload.h"
+#include "readahead.h"
+#include "warmup.h"
 
 #include <errno.h>
 #include <fcntl.h>

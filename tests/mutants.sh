@@ -234,10 +234,10 @@ mutant runtime-mount-point-left runtime/runtime.c \
 mutant runtime-extract-keeps-old-entry runtime/extract.c \
     's/if (unlinkat(dir, name, 0) != 0 \&\& errno != ENOENT)/if (0)/' \
     'check-runtime'
-mutant runtime-prefetch-wrong-block runtime/prefetch.c \
+mutant runtime-prefetch-wrong-block runtime/readahead.c \
     's/failed = read_block(prefetch, job, block, slot->data, \&size) != 0;/failed = read_block(prefetch, job, block ? block - 1 : 0, slot->data, \&size) != 0;/' \
     'check-runtime'
-mutant runtime-read-leftover-misplaced runtime/prefetch-read.c \
+mutant runtime-read-leftover-misplaced runtime/blockcache.c \
     's/keep_piece(prefetch, ino, start + to, held.data + to,/keep_piece(prefetch, ino, start + to, held.data,/' \
     'check-runtime'
 mutant runtime-fuse2-helper-unused runtime/mount.c \

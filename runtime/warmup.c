@@ -1,4 +1,4 @@
-#include "preload.h"
+#include "warmup.h"
 
 #include <fcntl.h>
 #include <limits.h>

@@ -1,4 +1,4 @@
-#include "prefetch-parts.h"
+#include "blockcache.h"
 
 #include <stdlib.h>
 #include <string.h>

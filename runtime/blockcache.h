@@ -3,7 +3,7 @@
 /* What the prefetcher's two files share: the state behind struct prefetch,
  * kept under its lock, and the helpers both threads call. */
 
-#include "prefetch.h"
+#include "readahead.h"
 
 #include <pthread.h>
 
