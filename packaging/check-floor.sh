@@ -1,15 +1,19 @@
 #!/usr/bin/env bash
 # Checks that the AppDir's own ELF files (the wizard, its libraries and
-# plugins; the packaged application in soft/ is the packager's business) ask
-# the host for nothing beyond the host list: every library they need is
-# carried in usr/lib or on the list, and no symbol version they need is newer
-# than the list's floor. Prints each breach and exits 1 if there is one.
-#   check-floor.sh APPDIR HOST_LIBRARIES
+# plugins; the packaged application, in PAYLOAD_DIR, is the packager's
+# business) ask the host for nothing beyond the host list: every library they
+# need is carried in usr/lib or on the list, and no symbol version they need
+# is newer than the list's floor. Prints each breach and exits 1 if there is one.
+#   check-floor.sh APPDIR HOST_LIBRARIES [PAYLOAD_DIR]
+# PAYLOAD_DIR is relative to APPDIR, as tavelin-pack --payload-layout names it.
 set -euo pipefail
-[ $# -eq 2 ] || { echo "usage: check-floor.sh APPDIR HOST_LIBRARIES" >&2; exit 2; }
-appdir=${1%/} host_libraries=$2
+[ $# -eq 2 ] || [ $# -eq 3 ] || { echo "usage: check-floor.sh APPDIR HOST_LIBRARIES [PAYLOAD_DIR]" >&2; exit 2; }
+appdir=${1%/} host_libraries=$2 payload=${3:-}
 command -v readelf >/dev/null || { echo "check-floor: readelf not found (Debian package binutils)" >&2; exit 2; }
 [ -d "$appdir" ] && [ -f "$host_libraries" ] || { echo "check-floor: $appdir or $host_libraries missing" >&2; exit 2; }
+
+skipped=()
+[ -z "$payload" ] || skipped=(-path "$appdir/${payload%/}" -prune -o)
 
 mapfile -t host < <(grep -v -E '^\s*(#|$|@)' "$host_libraries")
 declare -A floor=() # version prefix (GLIBC_) -> newest version granted (2.31)
@@ -43,7 +47,7 @@ while IFS= read -r -d '' file; do
         ! newer "${needed##*_}" "${floor[$prefix]}" \
             || breach "$file" "asks for $needed, newer than the floor's ${prefix}${floor[$prefix]}"
     done
-done < <(find "$appdir" -path "$appdir/soft" -prune -o -type f -print0 | sort -z)
+done < <(find "$appdir" "${skipped[@]}" -type f -print0 | sort -z)
 [ "$breaches" -eq 0 ] || { echo "check-floor: $breaches breaches in $files ELF files of $appdir" >&2; exit 1; }
 granted=$(for prefix in "${!floor[@]}"; do echo "$prefix${floor[$prefix]}"; done | sort | tr '\n' ' ')
 echo "check-floor: $files ELF files of $appdir need only carried libraries and the host list's, at most ${granted% }"

@@ -86,6 +86,6 @@ find "$appdir" -type f ! -perm /0111 -exec chmod 0644 {} +
 hosts=${TAVELIN_HOST_LIBRARIES:-$here/host-libraries.txt}
 [ -f "$hosts" ] || hosts=$here/../../share/tavelin/host-libraries.txt
 [ -f "$hosts" ] || die "host-libraries.txt not found: set TAVELIN_HOST_LIBRARIES"
-"$here/check-floor.sh" "$appdir" "$hosts" || die "$appdir asks the host for more than it grants"
+"$here/check-floor.sh" "$appdir" "$hosts" "$payload_dir" || die "$appdir asks the host for more than it grants"
 echo "make-appdir: $appdir ready ($(ls "$appdir/usr/lib" | wc -l) libraries, $(ls "$appdir"/usr/plugins/*/*.so | wc -l) plugins," \
      "$(du -sb "$appdir" | cut -f1) bytes)"

@@ -29,8 +29,12 @@ as_pattern() { # text encoding: a grep -P pattern of its bytes
 }
 for tree in "$build" "$(cd "$here/../.." && pwd)"; do
     for encoding in UTF-8 UTF-16LE; do
-        found=$(grep -rlaP "$(as_pattern "$tree" "$encoding")" "$scratch/moved" | head -n 3 | tr '\n' ' ') || true
-        [ -z "$found" ] || fail "installed files name $tree ($encoding): $found"
+        # grep's 2 is an error, not "not found": a search that fails must not pass.
+        if found=$(grep -rlaP "$(as_pattern "$tree" "$encoding")" "$scratch/moved"); then
+            fail "installed files name $tree ($encoding): ${found//$'\n'/ }"
+        elif [ $? -ne 1 ]; then
+            fail "the installed files could not be searched for $tree"
+        fi
     done
 done
 step "no installed file names the build or the source tree, in UTF-8 or UTF-16"
@@ -69,6 +73,7 @@ printf '[Desktop Entry]\nType=Application\nName=Other\nExec=bin/other-true\n' > 
 unsquashfs -q -n -o "$("$scratch/other/Other.AppImage" --appimage-offset)" -d "$scratch/other/AppDir" \
     "$scratch/other/Other.AppImage" >/dev/null
 "$scratch/moved/libexec/tavelin/check-floor.sh" "$scratch/other/AppDir" "$scratch/moved/share/tavelin/host-libraries.txt" \
+    "$("$pack" --payload-layout | sed -n 's/^payload=//p')" \
     || fail "the AppImage of another application asks the host for more than the host list"
 step "another application packed; its image asks the host for nothing beyond the host list"
 

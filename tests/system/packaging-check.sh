@@ -17,7 +17,8 @@ tests/system/check-runtime.sh build/runtime/tavelin-runtime
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 unsquashfs -q -n -o "$("$appimage" --appimage-offset)" -d "$scratch/AppDir" "$appimage" >/dev/null
-packaging/check-floor.sh "$scratch/AppDir" packaging/host-libraries.txt
+packaging/check-floor.sh "$scratch/AppDir" packaging/host-libraries.txt \
+    "$(build/pack/tavelin-pack --payload-layout | sed -n 's/^payload=//p')"
 tests/system/check-appdir.sh "$scratch/AppDir" build/lib/tavelin-gui/tavelin-gui
 # What ships is what is tested: the real-binary test again, on the portable wizard.
 TAVELIN_GUI_UNDER_TEST=$PWD/build/wizard-bundle/$(uname -m)/usr/bin/tavelin-gui \
