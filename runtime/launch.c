@@ -78,10 +78,10 @@ int launch_run(char* const argv[], struct mount* mount)
         fprintf(stderr, "tavelin-runtime: cannot start %s: %s\n", argv[0], strerror(errno));
         return 1;
     }
-    /* Only now: pages the prefetcher writes would otherwise be copied on
+    /* Only now: pages the read-ahead thread writes would otherwise be copied on
      * write, being shared with a child that was only going to exec. */
     if (mount)
-        mount_prefetch(mount);
+        mount_read_ahead(mount);
     return serve_and_wait(child, mount);
 }
 

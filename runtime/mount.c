@@ -35,23 +35,23 @@ struct mount {
 /* squashfuse's operations take the request's user data to be its own, so
  * the one mount a runtime serves keeps the rest here. */
 static struct mount* g_mount;
-static struct prefetch* g_prefetch;
-static struct preload* g_preload;
+static struct readahead* g_readahead;
+static struct warmup* g_warmup;
 
 static void open_file(fuse_req_t request, fuse_ino_t ino, struct fuse_file_info* file)
 {
     /* The image never changes: what the page cache holds stays good. */
     file->keep_cache = 1;
     sqfs_ll_op_open(request, ino, file);
-    if (file->fh && g_prefetch)
-        prefetch_file(g_prefetch, ino, (const sqfs_inode*)(intptr_t)file->fh);
+    if (file->fh && g_readahead)
+        readahead_opened(g_readahead, ino, (const sqfs_inode*)(intptr_t)file->fh);
 }
 
-/* Reads through the prefetcher where there is one, so that no block is
+/* Reads through the read-ahead thread where there is one, so that no block is
  * decompressed twice; squashfuse's own read otherwise. */
 static void read_file(fuse_req_t request, fuse_ino_t ino, size_t size, off_t offset, struct fuse_file_info* file)
 {
-    if (!g_prefetch) {
+    if (!g_readahead) {
         sqfs_ll_op_read(request, ino, size, offset, file);
         return;
     }
@@ -66,7 +66,7 @@ static void read_file(fuse_req_t request, fuse_ino_t ino, size_t size, off_t off
     }
     sqfs_ll* ll = fuse_req_userdata(request);
     sqfs_inode* inode = (sqfs_inode*)(intptr_t)file->fh;
-    ssize_t got = prefetch_read(g_prefetch, &ll->fs, ino, inode, (uint64_t)offset, size, g_mount->bytes);
+    ssize_t got = readahead_read(g_readahead, &ll->fs, ino, inode, (uint64_t)offset, size, g_mount->bytes);
     if (got < 0)
         fuse_reply_err(request, EIO);
     else
@@ -366,12 +366,12 @@ struct mount* mount_open(const struct image* image, const char* dir, char* why, 
     return mount;
 }
 
-void mount_prefetch(struct mount* mount)
+void mount_read_ahead(struct mount* mount)
 {
-    if (!g_prefetch)
-        g_prefetch = prefetch_start(mount->image, mount->offset, mount->session);
-    if (g_prefetch && !g_preload)
-        g_preload = preload_start(mount->dir);
+    if (!g_readahead)
+        g_readahead = readahead_start(mount->image, mount->offset, mount->session);
+    if (g_readahead && !g_warmup)
+        g_warmup = warmup_start(mount->dir);
 }
 
 int mount_fd(const struct mount* mount)
@@ -394,21 +394,21 @@ int mount_serve(struct mount* mount)
  * until they have ended, waiting a little for each so as not to spin. */
 static void stop_threads(struct mount* mount)
 {
-    if (g_preload)
-        preload_stop(g_preload);
-    if (g_prefetch)
-        prefetch_stop(g_prefetch);
+    if (g_warmup)
+        warmup_stop(g_warmup);
+    if (g_readahead)
+        readahead_stop(g_readahead);
     struct pollfd request = {.fd = mount_fd(mount), .events = POLLIN};
-    while ((g_preload && !preload_ended(g_preload)) || (g_prefetch && !prefetch_ended(g_prefetch))) {
+    while ((g_warmup && !warmup_ended(g_warmup)) || (g_readahead && !readahead_ended(g_readahead))) {
         if (poll(&request, 1, 10) > 0)
             mount_serve(mount);
     }
-    if (g_preload)
-        preload_free(g_preload);
-    if (g_prefetch)
-        prefetch_free(g_prefetch);
-    g_preload = NULL;
-    g_prefetch = NULL;
+    if (g_warmup)
+        warmup_free(g_warmup);
+    if (g_readahead)
+        readahead_free(g_readahead);
+    g_warmup = NULL;
+    g_readahead = NULL;
 }
 
 void mount_close(struct mount* mount)

@@ -15,7 +15,7 @@ struct mount;
 struct mount* mount_open(const struct image* image, const char* dir, char* why, size_t size);
 
 /* Starts decompressing files ahead of the reads, in a thread. */
-void mount_prefetch(struct mount* mount);
+void mount_read_ahead(struct mount* mount);
 
 /* The descriptor that polls readable when the kernel has a request. */
 int mount_fd(const struct mount* mount);

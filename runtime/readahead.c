@@ -1,289 +1,315 @@
-#include "blockcache.h"
+#include "readahead.h"
 
+#include "blockcache.h"
+#include "readqueue.h"
+
+#include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
-/* The jobs, under the lock. */
+/* Leftovers of served reads waiting for the page cache; more are let go. */
+enum { QUEUED_PIECES = 32 };
 
-struct job* prefetch_find_job(struct prefetch* prefetch, fuse_ino_t ino)
+struct piece {
+    fuse_ino_t ino;
+    uint64_t offset;
+    size_t size;
+    char* data;
+};
+
+/* The lock guards the cache, the queue, the pieces and the two flags; wake
+ * tells the thread of work, ready tells readers that a busy slot is filled. */
+struct readahead {
+    sqfs_ll* ll;
+    sqfs_decompressor decompress;
+    struct fuse_session* session;
+    pthread_t thread;
+    pthread_mutex_t lock;
+    pthread_cond_t wake, ready;
+    int stopping, finished;
+    struct blockcache cache;
+    struct readqueue queue;
+    struct piece pieces[QUEUED_PIECES];
+    size_t piece_count;
+};
+
+static int is_zero(const char* data, size_t size)
 {
-    for (size_t i = 0; i < prefetch->job_count; ++i) {
-        if (prefetch->jobs[i].ino == ino)
-            return &prefetch->jobs[i];
-    }
-    return NULL;
+    return size == 0 || (data[0] == 0 && memcmp(data, data + 1, size - 1) == 0);
 }
 
-static int is_done(const struct prefetch* prefetch, fuse_ino_t ino)
+/* Puts the bytes into the kernel's page cache for ino. All-zero ones are
+ * left out: they cost a read nothing, and are mostly never read. */
+static int store(struct readahead* ahead, fuse_ino_t ino, uint64_t offset, char* data, size_t size)
 {
-    for (size_t i = 0; i < DONE_FILES; ++i) {
-        if (prefetch->done[i] == ino)
-            return 1;
-    }
-    return 0;
-}
-
-static void free_job(struct job* job)
-{
-    free(job->taken);
-    free(job->places);
-    free(job->words);
-}
-
-static void finish_job(struct prefetch* prefetch, struct job* job)
-{
-    prefetch->done[prefetch->done_next++ % DONE_FILES] = job->ino;
-    free_job(job);
-    size_t after = (size_t)(prefetch->jobs + --prefetch->job_count - job);
-    memmove(job, job + 1, after * sizeof *job);
-}
-
-/* The file the last read was for, since the program is busy with it; else
- * the one opened first. */
-static struct job* next_job(struct prefetch* prefetch)
-{
-    struct job* hot = prefetch_find_job(prefetch, prefetch->hot);
-    return hot ? hot : &prefetch->jobs[0];
-}
-
-int prefetch_take(struct job* job, uint64_t block)
-{
-    unsigned char bit = (unsigned char)(1u << (block % 8));
-    if (!job || block >= job->blocks || (job->taken[block / 8] & bit))
+    if (is_zero(data, size))
         return 0;
-    job->taken[block / 8] |= bit;
-    return 1;
+    struct fuse_bufvec bytes = FUSE_BUFVEC_INIT(size);
+    bytes.buf[0].mem = data;
+    return fuse_lowlevel_notify_store(ahead->session, ino, (off_t)offset, &bytes, 0);
 }
 
-/* The order blocks are taken in. A program maps a library, reads its
- * header and then its dynamic section and relocated data, which lie at the
- * end, so those come first; then the rest in order. The head comes last:
- * who opens a file reads it at once, and the serving thread is there first. */
-static uint64_t nth_block(uint64_t blocks, uint64_t n)
+/* Under the lock: the slot's block is in, or failed; waiting readers go on. */
+static void fill_slot(struct readahead* ahead, struct slot* slot, int failed, size_t size)
 {
-    uint64_t tail = blocks / 8 > 0 ? blocks / 8 : 1;
-    if (blocks == 1 || n == blocks - 1)
-        return 0;
-    return n < tail ? blocks - tail + n : n - tail + 1;
+    blockcache_fill(slot, failed, size);
+    pthread_cond_broadcast(&ahead->ready);
 }
 
-/* The next block of the job that neither thread has taken, marked as taken;
- * the job is finished when there is none. */
-static int take_block(struct prefetch* prefetch, struct job* job, uint64_t* block)
-{
-    for (uint64_t n = 0; n < job->blocks; ++n) {
-        if (prefetch_take(job, nth_block(job->blocks, n))) {
-            *block = nth_block(job->blocks, n);
-            return 1;
-        }
-    }
-    finish_job(prefetch, job);
-    return 0;
-}
-
-/* The thread's work, without the lock. */
-
-/* Reads the file's list of blocks, so that blocks are decompressed straight
- * into a slot: squashfuse's reads go through a cache, a copy more. */
-static int list_blocks(struct prefetch* prefetch, struct job* job)
-{
-    sqfs* fs = &prefetch->ll->fs;
-    sqfs_inode inode = job->inode;
-    size_t count = sqfs_blocklist_count(fs, &inode), i = 0;
-    job->places = malloc((count + 1) * sizeof *job->places);
-    job->words = malloc((count + 1) * sizeof *job->words);
-    sqfs_blocklist list;
-    sqfs_blocklist_init(fs, &inode, &list);
-    uint64_t place = fs->offset + inode.xtra.reg.start_block;
-    for (; job->places && job->words && i < count && sqfs_blocklist_next(&list) == SQFS_OK; ++i) {
-        job->places[i] = place;
-        job->words[i] = list.header;
-        place += list.header & ~SQUASHFS_COMPRESSED_BIT_BLOCK;
-    }
-    job->listed = i;
-    return job->places && job->words && i == count ? 0 : -1;
-}
+/* The thread's side. */
 
 /* One block of the file into out, and its size. */
-static int read_block(struct prefetch* prefetch, const struct job* job, uint64_t block, char* out, size_t* size)
+static int read_block(struct readahead* ahead, const struct readjob* job, uint64_t block, char* out, size_t* size)
 {
-    uint64_t left = job->inode.xtra.reg.file_size - block * prefetch->block_size;
-    size_t length = left < prefetch->block_size ? (size_t)left : prefetch->block_size;
+    size_t block_size = ahead->cache.block_size;
+    uint64_t left = job->inode.xtra.reg.file_size - block * block_size;
+    size_t length = left < block_size ? (size_t)left : block_size;
     if (block >= job->listed) {
-        sqfs_off_t got = (sqfs_off_t)prefetch->block_size;
+        sqfs_off_t got = (sqfs_off_t)block_size;
         sqfs_inode inode = job->inode;
-        int failed = sqfs_read_range(&prefetch->ll->fs, &inode, (sqfs_off_t)(block * prefetch->block_size), &got,
-                                     out) != SQFS_OK;
+        int failed = sqfs_read_range(&ahead->ll->fs, &inode, (sqfs_off_t)(block * block_size), &got, out) != SQFS_OK;
         *size = (size_t)got;
         return failed ? -1 : 0;
     }
     uint32_t stored = job->words[block] & ~SQUASHFS_COMPRESSED_BIT_BLOCK;
     int compressed = !(job->words[block] & SQUASHFS_COMPRESSED_BIT_BLOCK);
-    char* into = compressed ? prefetch->input : out;
-    *size = compressed ? prefetch->block_size : stored;
+    char* into = compressed ? ahead->cache.input : out;
+    *size = compressed ? block_size : stored;
     if (stored == 0) { /* a hole */
         memset(out, 0, length);
         *size = length;
         return 0;
     }
-    if (stored > prefetch->block_size || pread(prefetch->ll->fs.fd, into, stored, (off_t)job->places[block]) != stored)
+    if (stored > block_size || pread(ahead->ll->fs.fd, into, stored, (off_t)job->places[block]) != stored)
         return -1;
-    return compressed ? prefetch->decompress(into, stored, out, size) != SQFS_OK : 0;
+    return compressed ? ahead->decompress(into, stored, out, size) != SQFS_OK : 0;
 }
 
 /* One block of a job, decompressed into a slot and stored. Only this
  * thread moves jobs: the job stays where it is while unlocked. */
-static void work_on_a_job(struct prefetch* prefetch)
+static void work_on_a_job(struct readahead* ahead)
 {
-    struct job* job = next_job(prefetch);
+    struct readjob* job = readqueue_next(&ahead->queue);
     int failed = 0;
     uint64_t block;
     if (!job->places) {
-        pthread_mutex_unlock(&prefetch->lock);
-        failed = list_blocks(prefetch, job) != 0;
-        pthread_mutex_lock(&prefetch->lock);
+        pthread_mutex_unlock(&ahead->lock);
+        failed = readqueue_list_blocks(job, &ahead->ll->fs) != 0;
+        pthread_mutex_lock(&ahead->lock);
     }
     /* Every slot in use is unlikely: the block is left to the reads then. */
-    struct slot* slot = !failed && take_block(prefetch, job, &block) ? prefetch_claim_slot(prefetch, job->ino, block) : NULL;
+    struct slot* slot = !failed && readqueue_take_next(&ahead->queue, job, &block)
+                            ? blockcache_claim(&ahead->cache, job->ino, block)
+                            : NULL;
     if (slot) {
         size_t size;
-        pthread_mutex_unlock(&prefetch->lock);
-        failed = read_block(prefetch, job, block, slot->data, &size) != 0;
-        pthread_mutex_lock(&prefetch->lock);
-        prefetch_fill_slot(prefetch, slot, failed, size);
+        pthread_mutex_unlock(&ahead->lock);
+        failed = read_block(ahead, job, block, slot->data, &size) != 0;
+        pthread_mutex_lock(&ahead->lock);
+        fill_slot(ahead, slot, failed, size);
         if (!failed) {
-            pthread_mutex_unlock(&prefetch->lock);
-            failed = prefetch_store(prefetch, slot->ino, block * prefetch->block_size, slot->data, size) != 0;
-            pthread_mutex_lock(&prefetch->lock);
+            pthread_mutex_unlock(&ahead->lock);
+            failed = store(ahead, slot->ino, block * ahead->cache.block_size, slot->data, size) != 0;
+            pthread_mutex_lock(&ahead->lock);
             slot->pins--;
         }
     }
     /* The kernel forgot the file, or the image is damaged: the reads will tell. */
     if (failed)
-        finish_job(prefetch, job);
+        readqueue_finish(&ahead->queue, job);
 }
 
-static void store_first_piece(struct prefetch* prefetch)
+static void store_first_piece(struct readahead* ahead)
 {
-    struct piece piece = prefetch->pieces[0];
-    memmove(prefetch->pieces, prefetch->pieces + 1, --prefetch->piece_count * sizeof piece);
-    pthread_mutex_unlock(&prefetch->lock);
-    prefetch_store(prefetch, piece.ino, piece.offset, piece.data, piece.size);
+    struct piece piece = ahead->pieces[0];
+    memmove(ahead->pieces, ahead->pieces + 1, --ahead->piece_count * sizeof piece);
+    pthread_mutex_unlock(&ahead->lock);
+    store(ahead, piece.ino, piece.offset, piece.data, piece.size);
     free(piece.data);
-    pthread_mutex_lock(&prefetch->lock);
+    pthread_mutex_lock(&ahead->lock);
 }
 
 /* Leftovers of served reads first: they cost no decompression. */
 static void* run(void* context)
 {
-    struct prefetch* prefetch = context;
-    pthread_mutex_lock(&prefetch->lock);
-    while (!prefetch->stopping) {
-        if (prefetch->piece_count > 0)
-            store_first_piece(prefetch);
-        else if (prefetch->job_count > 0)
-            work_on_a_job(prefetch);
+    struct readahead* ahead = context;
+    pthread_mutex_lock(&ahead->lock);
+    while (!ahead->stopping) {
+        if (ahead->piece_count > 0)
+            store_first_piece(ahead);
+        else if (ahead->queue.count > 0)
+            work_on_a_job(ahead);
         else
-            pthread_cond_wait(&prefetch->wake, &prefetch->lock);
+            pthread_cond_wait(&ahead->wake, &ahead->lock);
     }
-    prefetch->finished = 1;
-    pthread_mutex_unlock(&prefetch->lock);
+    ahead->finished = 1;
+    pthread_mutex_unlock(&ahead->lock);
     return NULL;
 }
 
-static void free_prefetch(struct prefetch* prefetch)
+static void free_readahead(struct readahead* ahead)
 {
-    for (size_t i = 0; i < prefetch->job_count; ++i)
-        free_job(&prefetch->jobs[i]);
-    for (size_t i = 0; i < prefetch->piece_count; ++i)
-        free(prefetch->pieces[i].data);
-    if (prefetch->arena)
-        munmap(prefetch->arena, prefetch->arena_size);
-    if (prefetch->ll)
-        sqfs_ll_destroy(prefetch->ll);
-    free(prefetch);
+    readqueue_release(&ahead->queue);
+    for (size_t i = 0; i < ahead->piece_count; ++i)
+        free(ahead->pieces[i].data);
+    blockcache_release(&ahead->cache);
+    if (ahead->ll)
+        sqfs_ll_destroy(ahead->ll);
+    free(ahead);
 }
 
-/* The slots, input and spare in one mapping filled at once: faulting the
- * pages in one by one as they are first written costs far more. */
-static int allocate_buffers(struct prefetch* prefetch)
+struct readahead* readahead_start(const char* path, size_t offset, struct fuse_session* session)
 {
-    size_t fit = SLOT_BYTES / prefetch->block_size;
-    prefetch->slot_count = fit > MOST_SLOTS ? MOST_SLOTS : fit < LEAST_SLOTS ? LEAST_SLOTS : (int)fit;
-    prefetch->arena_size = (size_t)(prefetch->slot_count + 2) * prefetch->block_size;
-    char* arena = mmap(NULL, prefetch->arena_size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE,
-                       -1, 0);
-    if (arena == MAP_FAILED)
-        return -1;
-    prefetch->arena = arena;
-    prefetch->input = arena;
-    prefetch->spare = arena + prefetch->block_size;
-    for (int i = 0; i < prefetch->slot_count; ++i)
-        prefetch->slots[i].data = arena + (size_t)(i + 2) * prefetch->block_size;
-    return 0;
-}
-
-struct prefetch* prefetch_start(const char* path, size_t offset, struct fuse_session* session)
-{
-    struct prefetch* prefetch = calloc(1, sizeof *prefetch);
-    if (!prefetch)
+    struct readahead* ahead = calloc(1, sizeof *ahead);
+    if (!ahead)
         return NULL;
-    prefetch->session = session;
-    pthread_mutex_init(&prefetch->lock, NULL);
-    pthread_cond_init(&prefetch->wake, NULL);
-    pthread_cond_init(&prefetch->ready, NULL);
-    prefetch->ll = sqfs_ll_open(path, offset);
-    if (prefetch->ll) {
-        prefetch->block_size = prefetch->ll->fs.sb.block_size;
-        prefetch->decompress = sqfs_decompressor_get(sqfs_compression(&prefetch->ll->fs));
+    ahead->session = session;
+    pthread_mutex_init(&ahead->lock, NULL);
+    pthread_cond_init(&ahead->wake, NULL);
+    pthread_cond_init(&ahead->ready, NULL);
+    ahead->ll = sqfs_ll_open(path, offset);
+    size_t block_size = 0;
+    if (ahead->ll) {
+        block_size = ahead->ll->fs.sb.block_size;
+        ahead->decompress = sqfs_decompressor_get(sqfs_compression(&ahead->ll->fs));
     }
     /* squashfs blocks are 4 KiB to 1 MiB; anything else is a damaged image. */
-    if (prefetch->block_size < 4096 || prefetch->block_size > (1u << 20))
-        prefetch->decompress = NULL;
-    if (!prefetch->decompress || allocate_buffers(prefetch) != 0
-        || pthread_create(&prefetch->thread, NULL, run, prefetch) != 0) {
-        free_prefetch(prefetch);
+    if (block_size < 4096 || block_size > (1u << 20))
+        ahead->decompress = NULL;
+    if (!ahead->decompress || blockcache_init(&ahead->cache, block_size) != 0
+        || pthread_create(&ahead->thread, NULL, run, ahead) != 0) {
+        free_readahead(ahead);
         return NULL;
     }
-    return prefetch;
+    return ahead;
 }
 
-void prefetch_file(struct prefetch* prefetch, fuse_ino_t ino, const sqfs_inode* inode)
+void readahead_opened(struct readahead* ahead, fuse_ino_t ino, const sqfs_inode* inode)
 {
-    uint64_t size = inode->xtra.reg.file_size, blocks = (size + prefetch->block_size - 1) / prefetch->block_size;
-    if (size == 0 || size > PREFETCH_BIGGEST)
-        return;
-    pthread_mutex_lock(&prefetch->lock);
-    if (prefetch->job_count < QUEUED_FILES && !prefetch_find_job(prefetch, ino) && !is_done(prefetch, ino)) {
-        unsigned char* taken = calloc((blocks + 7) / 8, 1);
-        if (taken) {
-            prefetch->jobs[prefetch->job_count++] = (struct job){ino, *inode, blocks, taken, 0, NULL, NULL};
-            pthread_cond_signal(&prefetch->wake);
-        }
-    }
-    pthread_mutex_unlock(&prefetch->lock);
+    pthread_mutex_lock(&ahead->lock);
+    if (readqueue_add(&ahead->queue, ino, inode, ahead->cache.block_size))
+        pthread_cond_signal(&ahead->wake);
+    pthread_mutex_unlock(&ahead->lock);
 }
 
-void prefetch_stop(struct prefetch* prefetch)
+void readahead_stop(struct readahead* ahead)
 {
-    pthread_mutex_lock(&prefetch->lock);
-    prefetch->stopping = 1;
-    pthread_cond_signal(&prefetch->wake);
-    pthread_mutex_unlock(&prefetch->lock);
+    pthread_mutex_lock(&ahead->lock);
+    ahead->stopping = 1;
+    pthread_cond_signal(&ahead->wake);
+    pthread_mutex_unlock(&ahead->lock);
 }
 
-int prefetch_ended(struct prefetch* prefetch)
+int readahead_ended(struct readahead* ahead)
 {
-    pthread_mutex_lock(&prefetch->lock);
-    int ended = prefetch->finished;
-    pthread_mutex_unlock(&prefetch->lock);
+    pthread_mutex_lock(&ahead->lock);
+    int ended = ahead->finished;
+    pthread_mutex_unlock(&ahead->lock);
     return ended;
 }
 
-void prefetch_free(struct prefetch* prefetch)
+void readahead_free(struct readahead* ahead)
 {
-    pthread_join(prefetch->thread, NULL);
-    free_prefetch(prefetch);
+    pthread_join(ahead->thread, NULL);
+    free_readahead(ahead);
+}
+
+/* The serving thread's side. */
+
+/* Hands bytes a reply left out of its blocks to the thread, for the page cache. */
+static void keep_piece(struct readahead* ahead, fuse_ino_t ino, uint64_t offset, const char* data, size_t size)
+{
+    char* copy = size > 0 && !is_zero(data, size) ? malloc(size) : NULL;
+    if (!copy)
+        return;
+    memcpy(copy, data, size);
+    pthread_mutex_lock(&ahead->lock);
+    if (ahead->piece_count < QUEUED_PIECES) {
+        ahead->pieces[ahead->piece_count++] = (struct piece){ino, offset, size, copy};
+        copy = NULL;
+        pthread_cond_signal(&ahead->wake);
+    }
+    pthread_mutex_unlock(&ahead->lock);
+    free(copy);
+}
+
+/* A block as the serving thread has it: in a pinned slot, or in spare when
+ * every slot was in use. */
+struct held {
+    struct slot* slot;
+    const char* data;
+    size_t size;
+    int decompressed_here;
+};
+
+/* The block: found, waited for while the thread decompresses it, or else
+ * decompressed here. Under the lock; returns with it. */
+static int serve_block(struct readahead* ahead, sqfs* fs, sqfs_inode* inode, fuse_ino_t ino, uint64_t block,
+                       struct held* held)
+{
+    readqueue_take(readqueue_find(&ahead->queue, ino), block);
+    ahead->queue.hot = ino;
+    while ((held->slot = blockcache_find(&ahead->cache, ino, block)) && held->slot->state == SLOT_BUSY)
+        pthread_cond_wait(&ahead->ready, &ahead->lock);
+    if (held->slot) {
+        blockcache_use(&ahead->cache, held->slot);
+        held->data = held->slot->data;
+        held->size = held->slot->size;
+        return 0;
+    }
+    held->slot = blockcache_claim(&ahead->cache, ino, block);
+    held->data = held->slot ? held->slot->data : ahead->cache.spare;
+    held->decompressed_here = 1;
+    sqfs_off_t size = (sqfs_off_t)ahead->cache.block_size;
+    pthread_mutex_unlock(&ahead->lock);
+    int failed = sqfs_read_range(fs, inode, (sqfs_off_t)(block * ahead->cache.block_size), &size, (char*)held->data)
+                 != SQFS_OK;
+    pthread_mutex_lock(&ahead->lock);
+    held->size = (size_t)size;
+    if (held->slot)
+        fill_slot(ahead, held->slot, failed, held->size);
+    return failed ? -1 : 0;
+}
+
+static void unpin(struct readahead* ahead, struct slot* slot)
+{
+    if (!slot)
+        return;
+    pthread_mutex_lock(&ahead->lock);
+    slot->pins--;
+    pthread_mutex_unlock(&ahead->lock);
+}
+
+ssize_t readahead_read(struct readahead* ahead, sqfs* fs, fuse_ino_t ino, sqfs_inode* inode, uint64_t offset,
+                       size_t size, char* out)
+{
+    size_t block_size = ahead->cache.block_size;
+    uint64_t end = offset + size;
+    if (end > inode->xtra.reg.file_size)
+        end = inode->xtra.reg.file_size;
+    size_t done = 0;
+    for (uint64_t block = offset / block_size; block * block_size < end; ++block) {
+        uint64_t start = block * block_size;
+        struct held held = {0};
+        pthread_mutex_lock(&ahead->lock);
+        int failed = serve_block(ahead, fs, inode, ino, block, &held);
+        pthread_mutex_unlock(&ahead->lock);
+        if (failed)
+            return -1;
+        size_t from = offset > start ? (size_t)(offset - start) : 0;
+        size_t to = end - start < held.size ? (size_t)(end - start) : held.size;
+        if (to < from) { /* a block shorter than the file says: a damaged image */
+            unpin(ahead, held.slot);
+            return -1;
+        }
+        memcpy(out + done, held.data + from, to - from);
+        done += to - from;
+        if (held.decompressed_here) {
+            keep_piece(ahead, ino, start, held.data, from);
+            keep_piece(ahead, ino, start + to, held.data + to, held.size - to);
+        }
+        unpin(ahead, held.slot);
+    }
+    return (ssize_t)done;
 }

@@ -140,7 +140,7 @@ static int mount_and_wait(const struct image* image)
         fprintf(stderr, "tavelin-runtime: cannot mount the image: %s\n", why);
         return 1;
     }
-    mount_prefetch(mount);
+    mount_read_ahead(mount);
     printf("%s\n", dir);
     fflush(stdout);
     launch_serve_until_stopped(mount);

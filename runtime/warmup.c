@@ -12,18 +12,18 @@
 /* Enough for an installer's libraries and plugins. */
 enum { MOST_FILES = 256 };
 
-struct preload {
+struct warmup {
     char dir[PATH_MAX];
     pthread_t thread;
     pthread_mutex_t lock;
     int stopping, finished;
 };
 
-static int stopping(struct preload* preload)
+static int stopping(struct warmup* warmup)
 {
-    pthread_mutex_lock(&preload->lock);
-    int result = preload->stopping;
-    pthread_mutex_unlock(&preload->lock);
+    pthread_mutex_lock(&warmup->lock);
+    int result = warmup->stopping;
+    pthread_mutex_unlock(&warmup->lock);
     return result;
 }
 
@@ -52,65 +52,65 @@ static void open_regular(const char* path)
         close(file);
 }
 
-static void open_listed(struct preload* preload, FILE* list)
+static void open_listed(struct warmup* warmup, FILE* list)
 {
     char line[PATH_MAX], path[2 * PATH_MAX];
-    for (int count = 0; count < MOST_FILES && fgets(line, sizeof line, list) && !stopping(preload); ++count) {
+    for (int count = 0; count < MOST_FILES && fgets(line, sizeof line, list) && !stopping(warmup); ++count) {
         line[strcspn(line, "\n")] = '\0';
         if (!is_inside(line))
             continue;
-        snprintf(path, sizeof path, "%s/%s", preload->dir, line);
+        snprintf(path, sizeof path, "%s/%s", warmup->dir, line);
         open_regular(path);
     }
 }
 
 static void* run(void* context)
 {
-    struct preload* preload = context;
+    struct warmup* warmup = context;
     char path[PATH_MAX + 32];
-    snprintf(path, sizeof path, "%s/.tavelin-preload", preload->dir);
+    snprintf(path, sizeof path, "%s/.tavelin-preload", warmup->dir);
     FILE* list = fopen(path, "re");
     if (list) {
-        open_listed(preload, list);
+        open_listed(warmup, list);
         fclose(list);
     }
-    pthread_mutex_lock(&preload->lock);
-    preload->finished = 1;
-    pthread_mutex_unlock(&preload->lock);
+    pthread_mutex_lock(&warmup->lock);
+    warmup->finished = 1;
+    pthread_mutex_unlock(&warmup->lock);
     return NULL;
 }
 
-struct preload* preload_start(const char* dir)
+struct warmup* warmup_start(const char* dir)
 {
-    struct preload* preload = calloc(1, sizeof *preload);
-    if (!preload)
+    struct warmup* warmup = calloc(1, sizeof *warmup);
+    if (!warmup)
         return NULL;
-    snprintf(preload->dir, sizeof preload->dir, "%s", dir);
-    pthread_mutex_init(&preload->lock, NULL);
-    if (pthread_create(&preload->thread, NULL, run, preload) != 0) {
-        free(preload);
+    snprintf(warmup->dir, sizeof warmup->dir, "%s", dir);
+    pthread_mutex_init(&warmup->lock, NULL);
+    if (pthread_create(&warmup->thread, NULL, run, warmup) != 0) {
+        free(warmup);
         return NULL;
     }
-    return preload;
+    return warmup;
 }
 
-void preload_stop(struct preload* preload)
+void warmup_stop(struct warmup* warmup)
 {
-    pthread_mutex_lock(&preload->lock);
-    preload->stopping = 1;
-    pthread_mutex_unlock(&preload->lock);
+    pthread_mutex_lock(&warmup->lock);
+    warmup->stopping = 1;
+    pthread_mutex_unlock(&warmup->lock);
 }
 
-int preload_ended(struct preload* preload)
+int warmup_ended(struct warmup* warmup)
 {
-    pthread_mutex_lock(&preload->lock);
-    int ended = preload->finished;
-    pthread_mutex_unlock(&preload->lock);
+    pthread_mutex_lock(&warmup->lock);
+    int ended = warmup->finished;
+    pthread_mutex_unlock(&warmup->lock);
     return ended;
 }
 
-void preload_free(struct preload* preload)
+void warmup_free(struct warmup* warmup)
 {
-    pthread_join(preload->thread, NULL);
-    free(preload);
+    pthread_join(warmup->thread, NULL);
+    free(warmup);
 }

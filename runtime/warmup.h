@@ -5,13 +5,13 @@
  * decompression starts before the program asks for them: the program's own
  * start takes a shell, two helpers and an exec. A thread of its own opens
  * them, since the mount is served by the thread that starts it. */
-struct preload;
+struct warmup;
 
 /* Starts on the mount at dir; NULL when there is no thread for it. */
-struct preload* preload_start(const char* dir);
+struct warmup* warmup_start(const char* dir);
 
 /* Asks it to stop; its opens wait for the mount, so requests are to be
  * answered until it has ended. Then it can be freed. */
-void preload_stop(struct preload* preload);
-int preload_ended(struct preload* preload);
-void preload_free(struct preload* preload);
+void warmup_stop(struct warmup* warmup);
+int warmup_ended(struct warmup* warmup);
+void warmup_free(struct warmup* warmup);

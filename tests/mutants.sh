@@ -11,7 +11,7 @@
 # unprivileged children): run it as root, as CI runs the suite.
 # Exits non-zero when a fault is missed, does not apply or does not build.
 set -uo pipefail
-cd "$(dirname "$0")/../.."
+cd "$(dirname "$0")/.."
 top=$PWD
 
 names=() files=() edits=() tests=()
@@ -234,11 +234,11 @@ mutant runtime-mount-point-left runtime/runtime.c \
 mutant runtime-extract-keeps-old-entry runtime/extract.c \
     's/if (unlinkat(dir, name, 0) != 0 \&\& errno != ENOENT)/if (0)/' \
     'check-runtime'
-mutant runtime-prefetch-wrong-block runtime/readahead.c \
-    's/failed = read_block(prefetch, job, block, slot->data, \&size) != 0;/failed = read_block(prefetch, job, block ? block - 1 : 0, slot->data, \&size) != 0;/' \
+mutant runtime-readahead-wrong-block runtime/readahead.c \
+    's/failed = read_block(ahead, job, block, slot->data, \&size) != 0;/failed = read_block(ahead, job, block ? block - 1 : 0, slot->data, \&size) != 0;/' \
     'check-runtime'
-mutant runtime-read-leftover-misplaced runtime/blockcache.c \
-    's/keep_piece(prefetch, ino, start + to, held.data + to,/keep_piece(prefetch, ino, start + to, held.data,/' \
+mutant runtime-read-leftover-misplaced runtime/readahead.c \
+    's/keep_piece(ahead, ino, start + to, held.data + to,/keep_piece(ahead, ino, start + to, held.data,/' \
     'check-runtime'
 mutant runtime-fuse2-helper-unused runtime/mount.c \
     's/names\[\] = {"fusermount3", "fusermount"};/names[] = {"fusermount3"};/' \
