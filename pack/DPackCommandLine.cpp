@@ -38,6 +38,8 @@ const TOptionSpec g_options[] = {
     {"appimage", "The installer AppImage to write; must not exist.", &TPackRequest::appImage, optionPath, ""},
     {"update-information", "Update information embedded in the AppImage.", &TPackRequest::updateInformation, 0, ""},
     {"sign-key", "GnuPG key that signs the AppImage.", &TPackRequest::signKey, 0, ""},
+    {"arch", "Machine the AppImage is for, one of: " TAVELIN_MACHINES " (default: this one's, " TAVELIN_MACHINE ").",
+     &TPackRequest::machine, 0, TAVELIN_MACHINE},
 };
 
 const char* const g_config = "config";

@@ -73,6 +73,10 @@ bool DPackRun::run(const TPackRequest& request)
 
 bool DPackRun::checkAll(const TPackRequest& request)
 {
+    const QStringList machines = DPackToolchain::machines();
+    if (!machines.contains(request.machine))
+        return refuse(QStringLiteral("no AppImage for the machine \"%1\": tavelin-pack packs for %2")
+                          .arg(request.machine, machines.join(QStringLiteral(" and "))));
     if (!packer.check(request))
         return refuse(packer.getError());
     checksPassed = packer.getChecksPassed();
@@ -187,8 +191,8 @@ QString DPackRun::summary() const
     const int dirCount = packer.getDirCount();
     const QString strWritten = strAppImage.isEmpty()
         ? QStringLiteral("payload %1/soft, %2").arg(strPayloadDir, dataSize(packer.getPayloadBytes()))
-        : QStringLiteral("%1, %2, with a payload of %3")
-              .arg(strAppImage, dataSize(appImageBytes), dataSize(packer.getPayloadBytes()));
+        : QStringLiteral("%1 for %2, %3, with a payload of %4")
+              .arg(strAppImage, toolchain.machine, dataSize(appImageBytes), dataSize(packer.getPayloadBytes()));
     return QStringLiteral("done: %1; installs %2 files and %3 directories; checks passed: %4")
         .arg(strWritten, QString::number(packer.getFilesTotalCount() - dirCount), QString::number(dirCount),
              checksPassed.join(QStringLiteral(", ")));

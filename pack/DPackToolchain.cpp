@@ -19,31 +19,38 @@ QString buildTreeValue(const QByteArray& baText, const char* key)
     return QString();
 }
 
-TPackToolchain fromBuildTree(const QByteArray& baText)
+TPackToolchain fromBuildTree(const QByteArray& baText, const QString& strMachine)
 {
-    return {buildTreeValue(baText, "wizard-bundle"), buildTreeValue(baText, "runtime"),
+    const QByteArray baMachine = strMachine.toLatin1();
+    return {buildTreeValue(baText, "wizard-bundle-" + baMachine), buildTreeValue(baText, "runtime-" + baMachine),
             buildTreeValue(baText, "make-appdir"), buildTreeValue(baText, "make-appimage"),
-            buildTreeValue(baText, "host-libraries")};
+            buildTreeValue(baText, "host-libraries"), strMachine};
 }
 
-TPackToolchain fromInstalled(const QString& strProgramDir)
+TPackToolchain fromInstalled(const QString& strProgramDir, const QString& strMachine)
 {
     const QDir dirTools(QDir(strProgramDir).filePath(QStringLiteral(TAVELIN_TOOL_DIR_FROM_BIN)));
     const QDir dirData(QDir(strProgramDir).filePath(QStringLiteral(TAVELIN_DATA_DIR_FROM_BIN)));
-    return {QDir::cleanPath(dirTools.filePath(QStringLiteral("wizard-bundle/" TAVELIN_MACHINE))),
-            QDir::cleanPath(dirTools.filePath(QStringLiteral("tavelin-runtime"))),
+    return {QDir::cleanPath(dirTools.filePath(QStringLiteral("wizard-bundle/") + strMachine)),
+            QDir::cleanPath(dirTools.filePath(QStringLiteral("runtime/%1/tavelin-runtime").arg(strMachine))),
             QDir::cleanPath(dirTools.filePath(QStringLiteral("make-appdir.sh"))),
             QDir::cleanPath(dirTools.filePath(QStringLiteral("make-appimage.sh"))),
-            QDir::cleanPath(dirData.filePath(QStringLiteral("host-libraries.txt")))};
+            QDir::cleanPath(dirData.filePath(QStringLiteral("host-libraries.txt"))), strMachine};
 }
 
 } // namespace
 
-TPackToolchain DPackToolchain::locate(const QString& strProgramDir)
+QStringList DPackToolchain::machines()
+{
+    return QStringLiteral(TAVELIN_MACHINES).split(QLatin1Char(' '), Qt::SkipEmptyParts);
+}
+
+TPackToolchain DPackToolchain::locate(const QString& strProgramDir, const QString& strMachine)
 {
     QFile fileBuildTree(QDir(strProgramDir).filePath(QLatin1String(g_buildTreeFile)));
-    TPackToolchain toolchain = fileBuildTree.open(QIODevice::ReadOnly) ? fromBuildTree(fileBuildTree.readAll())
-                                                                        : fromInstalled(strProgramDir);
+    TPackToolchain toolchain = fileBuildTree.open(QIODevice::ReadOnly)
+        ? fromBuildTree(fileBuildTree.readAll(), strMachine)
+        : fromInstalled(strProgramDir, strMachine);
     const QString strBundle = qEnvironmentVariable("TAVELIN_WIZARD_BUNDLE");
     if (!strBundle.isEmpty())
         toolchain.wizardBundle = strBundle;
@@ -55,9 +62,16 @@ bool DPackToolchain::check(const TPackToolchain& toolchain, QString& strError)
     const QFileInfo fiWizard(QDir(toolchain.wizardBundle).filePath(QStringLiteral("usr/bin/tavelin-gui")));
     if (!fiWizard.isFile() || !fiWizard.isExecutable()) {
         strError = QStringLiteral("the wizard bundle %1 is missing: build it with cmake --build BUILD --target "
-                                  "tavelin-bundle before cmake --install (its first run makes a Debian 11 root "
+                                  "tavelin-bundle-%2 before cmake --install (its first run makes a Debian 11 root "
                                   "with debootstrap, which needs root and Debian's archive)")
-                       .arg(toolchain.wizardBundle);
+                       .arg(toolchain.wizardBundle, toolchain.machine);
+        return false;
+    }
+    const QFileInfo fiRuntime(toolchain.runtime);
+    if (toolchain.machine != QLatin1String(TAVELIN_MACHINE) && !fiRuntime.isFile()) {
+        strError = QStringLiteral("the %1 runtime %2 is missing: build it with cmake --build BUILD --target "
+                                  "tavelin-bundle-%1 before cmake --install")
+                       .arg(toolchain.machine, toolchain.runtime);
         return false;
     }
     for (const QString& strPath : {toolchain.runtime, toolchain.makeAppDir, toolchain.makeAppImage}) {

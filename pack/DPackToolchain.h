@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <QStringList>
 
 /// The programs and scripts an AppImage is made with.
 struct TPackToolchain
@@ -12,17 +13,21 @@ struct TPackToolchain
     QString makeAppImage;
     /// What an AppImage may take from the host, for the floor check.
     QString hostLibraries;
+    /// The machine the bundle and the runtime are for.
+    QString machine;
 };
 
-/// Finds the toolchain from the running tavelin-pack's own directory: an
-/// installed one keeps it in ../libexec/tavelin and ../share/tavelin, so that
-/// the prefix may move; one run from the build tree reads where the build
-/// tree's pieces are from tavelin-pack-build-tree.txt beside it.
-/// TAVELIN_WIZARD_BUNDLE, when set, names another wizard bundle.
+/// Finds a machine's toolchain from the running tavelin-pack's own
+/// directory: an installed one keeps it in ../libexec/tavelin and
+/// ../share/tavelin, so that the prefix may move; one run from the build tree
+/// reads where the build tree's pieces are from tavelin-pack-build-tree.txt
+/// beside it. TAVELIN_WIZARD_BUNDLE, when set, names another wizard bundle.
 class DPackToolchain
 {
 public:
-    static TPackToolchain locate(const QString& strProgramDir);
+    /// The machines AppImages are made for, as uname -m names them.
+    static QStringList machines();
+    static TPackToolchain locate(const QString& strProgramDir, const QString& strMachine);
     /// False, with strError naming the first piece missing.
     static bool check(const TPackToolchain& toolchain, QString& strError);
 

@@ -26,6 +26,8 @@ struct TPackRequest
     QString appImage;
     QString updateInformation;
     QString signKey;
+    /// The machine the AppImage is for, as uname -m names it.
+    QString machine;
 };
 
 /// Checks a package and writes its payload: soft/mainifest.json, soft/app,

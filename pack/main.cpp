@@ -41,7 +41,7 @@ int main(int argc, char* argv[])
         printLine(stdout, QStringLiteral("good signature by "), verify.getSigner());
         return 0;
     }
-    DPackRun run(DPackToolchain::locate(QCoreApplication::applicationDirPath()),
+    DPackRun run(DPackToolchain::locate(QCoreApplication::applicationDirPath(), commandLine.getRequest().machine),
                  [](const QString& strLine) { printLine(stdout, QString(), strLine); });
     const bool bDone = run.run(commandLine.getRequest());
     for (const QString& strWarning : run.getWarnings())

@@ -100,6 +100,7 @@ private slots:
         QTest::newRow("AppImage's directory is a file") << "appimage-dir" << "cannot create the directory";
         QTest::newRow("mksquashfs fails half-way") << "mksquashfs" << "mksquashfs failed";
         QTest::newRow("wizard bundle missing") << "no-bundle" << "the wizard bundle";
+        QTest::newRow("machine we make no AppImage for") << "machine" << R"(no AppImage for the machine "riscv64")";
         QTest::newRow("wizard asks more than the floor") << "host-wizard" << "newer than the floor's GLIBC_2.31";
     }
 
@@ -134,6 +135,8 @@ private slots:
             had << QStringLiteral("new/") << QStringLiteral("new/Demo.AppImage");
         else if (problem == QLatin1String("appimage-dir"))
             had << QStringLiteral("new");
+        else if (problem == QLatin1String("machine"))
+            request.machine = QStringLiteral("riscv64");
         else if (problem == QLatin1String("mksquashfs"))
             QVERIFY(TestSupport::writeFile(strFake, "#!/bin/sh\necho full >&2\nexit 1\n") && ::chmod(qPrintable(strFake), 0755) == 0);
         // A stand-in bundle whose wizard is a script passes the floor; this
@@ -180,6 +183,8 @@ private slots:
         QTest::newRow("unreadable file") << QByteArray() << 1 << "/pkg.json: cannot be read";
         QTest::newRow("not JSON") << QByteArray(R"({"app": "t",)") << 1 << "/pkg.json: is not JSON";
         QTest::newRow("not an object") << QByteArray(R"(["app"])") << 1 << "/pkg.json: holds no JSON object";
+        QTest::newRow("machine we make no AppImage for") << baNeeded + R"(, "arch": "mips64"})" << 1
+                                                         << R"(no AppImage for the machine "mips64": tavelin-pack packs for x86_64 and aarch64)";
         QTest::newRow("no file, an option missing") << QByteArray("--app t --output o") << 2 << "missing --desktop";
     }
 
@@ -260,7 +265,8 @@ private:
 
     QProcess* runPacker(const TPackRequest& request)
     {
-        return runPack({"--app", request.appTree, "--desktop", request.desktopEntry, "--icon", request.icon,
+        const QStringList machine = request.machine.isEmpty() ? QStringList() : QStringList{"--arch", request.machine};
+        return runPack(machine + QStringList{"--app", request.appTree, "--desktop", request.desktopEntry, "--icon", request.icon,
                         "--name-eng", request.nameEng, "--name-chs", request.nameChs, "--app-version", request.version,
                         "--publisher", request.publisher, "--website", request.website, "--author", request.author,
                         "--email", request.email, "--parent-dir", request.defaultParentDir, "--dir", request.dir,

@@ -47,7 +47,7 @@ mkdir "$scratch/one"
     --appimage "out/$name") | tee "$scratch/one.log" || fail "the pack from the description file failed"
 first=$scratch/one/out/$name
 [ -x "$first" ] || fail "no AppImage at $first: the command line did not override the description file"
-grep -q "^tavelin-pack: done: out/$name, .*; installs 4 files and 3 directories; checks passed: " "$scratch/one.log" \
+grep -q "^tavelin-pack: done: out/$name for $(uname -m), .*; installs 4 files and 3 directories; checks passed: " "$scratch/one.log" \
     || fail "the summary does not tell the demo's 4 files and 3 directories"
 step "packed from the description file into $first"
 
