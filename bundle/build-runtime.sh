@@ -1,22 +1,22 @@
 #!/usr/bin/env bash
-# Puts the AppImage runtime for a machine in BUILD_DIR/runtime/ARCH. For the
-# host's machine that is the runtime the build made (the tavelin-runtime
-# target). For another it is built from the same sources with the same
-# options in a Debian 12 root of that architecture under qemu: Debian 12's
-# squashfuse and libfuse3, as in the host's build, and static, so the root's
-# glibc does not bound where it starts. The root is kept in BUILD_DIR/debian,
-# so only the first run downloads; making it needs root and Debian's archive.
-#   bundle/build-runtime.sh BUILD_DIR ARCH     ARCH is x86_64 or aarch64
+# Puts the AppImage runtime for a machine in BUILD_DIR/runtime/MACHINE. For
+# the host's machine that is the runtime the build made (the tavelin-runtime
+# target). For another it is cross-built from the same sources with the same
+# options in a Debian 12 root with that machine's packages beside the
+# host's: Debian 12's squashfuse and libfuse3, as in the host's build, and
+# static, so the root's glibc does not bound where it starts. The root is
+# kept in BUILD_DIR/debian, so only the first run downloads; making it needs
+# root and Debian's archive.
+#   bundle/build-runtime.sh BUILD_DIR MACHINE    MACHINE is one of bundle/machines.txt
 set -euo pipefail
 die() { echo "build-runtime: $*" >&2; exit 1; }
-[ $# -eq 2 ] || die "usage: bundle/build-runtime.sh BUILD_DIR x86_64|aarch64"
+# shellcheck source=root.sh
+. "$(dirname "$0")/root.sh"
+[ $# -eq 2 ] || die "usage: bundle/build-runtime.sh BUILD_DIR MACHINE"
 machine=$2
-case $machine in
-    x86_64) arch=amd64 ;;
-    aarch64) arch=arm64 ;;
-    *) die "no runtime for $machine: the machines are x86_64 and aarch64" ;;
-esac
-top=$(cd "$(dirname "$0")/.." && pwd)
+arch=$(debian_arch "$machine")
+[ -n "$arch" ] || die "no runtime for $machine: the machines are $(machines)"
+top=$bundle_top
 mkdir -p "$1"
 build=$(cd "$1" && pwd)
 out=$build/runtime/$machine
@@ -28,10 +28,7 @@ check_runtime() { # file
     [ "$(dd if="$1" bs=1 skip=8 count=3 status=none | od -An -c | tr -d ' ')" = 'AI002' ] \
         || die "$1 carries no AppImage type 2 mark"
     header=$(readelf -hlSW "$1") || die "$1 is not an ELF file"
-    case $machine in
-        x86_64) grep -q 'Machine: *Advanced Micro Devices X86-64' <<<"$header" ;;
-        aarch64) grep -q 'Machine: *AArch64' <<<"$header" ;;
-    esac || die "$1 is not a $machine program"
+    grep -q "Machine: .*$(elf_machine "$machine")\$" <<<"$header" || die "$1 is not a $machine program"
     ! grep -q 'INTERP' <<<"$header" || die "$1 is not static"
     for section in .upd_info .sha256_sig .sig_key; do
         grep -q " $section " <<<"$header" || die "$1 has no section $section"
@@ -53,10 +50,14 @@ if [ "$machine" = "$(uname -m)" ]; then
 fi
 
 suite=bookworm
-root=$build/debian/$suite-$arch
-packages=(gcc libc6-dev make cmake libsquashfuse-dev libfuse3-dev zlib1g-dev liblzma-dev liblzo2-dev liblz4-dev libzstd-dev)
-"$top/tools/debian-root.sh" "$suite" "$arch" "$root" "${packages[@]}" \
-    || die "no $suite $arch root to build the runtime in"
+root_arch=$(dpkg --print-architecture)
+root=$build/debian/$suite-$root_arch-cross-$arch
+packages=("$(cross_package gcc "$machine")" make cmake)
+for package in libc6-dev libsquashfuse-dev libfuse3-dev zlib1g-dev liblzma-dev liblzo2-dev liblz4-dev libzstd-dev; do
+    packages+=("$package:$arch")
+done
+"$top/tools/debian-root.sh" "$suite" "$root_arch" "$root" "${packages[@]}" \
+    || die "no $suite root to build the $machine runtime in"
 
 # The runtime's own CMakeLists under a top level that gives it what the
 # project's does (its version, Threads, the default build type) without Qt.
@@ -75,13 +76,10 @@ endif()
 find_package(Threads REQUIRED)
 add_subdirectory(runtime)
 EOF
-in_root() {
-    unshare -m -- sh -c 'mount -t proc proc "$0/proc" && mount --rbind /dev "$0/dev" && exec chroot "$0" "$@"' \
-        "$root" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LANG=C.UTF-8 HOME=/root "$@"
-}
+write_toolchain "$root$work/toolchain.cmake" "$machine"
 started=$SECONDS
-in_root sh -c "cmake -S $work/src -B $work/build >$work/build.log 2>&1 \
+in_root "$root" sh -c "cmake -S $work/src -B $work/build -DCMAKE_TOOLCHAIN_FILE=$work/toolchain.cmake >$work/build.log 2>&1 \
                && cmake --build $work/build -j $(nproc) >>$work/build.log 2>&1" \
-    || { tail -n 20 "$root$work/build.log" >&2; die "tavelin-runtime does not build in the $suite $arch root"; }
-echo "build-runtime: built in the $suite $arch root in $((SECONDS - started)) s"
+    || { tail -n 20 "$root$work/build.log" >&2; die "tavelin-runtime does not build in the $suite root for $machine"; }
+echo "build-runtime: cross-built in the $suite root for $machine in $((SECONDS - started)) s"
 install_runtime "$root$work/build/runtime/tavelin-runtime"

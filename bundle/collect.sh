@@ -4,19 +4,28 @@
 # with an $ORIGIN rpath, and .tavelin-preload. Libraries on the host list
 # stay out, with everything only they need. Runs where the wizard was built,
 # so that ldd and qmake see its Qt.
-#   bundle/collect.sh TAVELIN_GUI HOST_LIBRARIES BUNDLE_DIR
+#   bundle/collect.sh TAVELIN_GUI HOST_LIBRARIES BUNDLE_DIR [TRIPLET]
+# TRIPLET names the cross toolchain a wizard for another machine was built
+# with (aarch64-linux-gnu): its strip and its Qt's qmake are used.
 set -euo pipefail
 die() { echo "collect: $*" >&2; exit 1; }
-[ $# -eq 3 ] || die "usage: collect.sh TAVELIN_GUI HOST_LIBRARIES BUNDLE_DIR"
-gui=$1 host_libraries=$2 bundle=$3
+[ $# -eq 3 ] || [ $# -eq 4 ] || die "usage: collect.sh TAVELIN_GUI HOST_LIBRARIES BUNDLE_DIR [TRIPLET]"
+gui=$1 host_libraries=$2 bundle=$3 cross=${4:+$4-}
 [ -x "$gui" ] || die "$gui is not an executable"
 [ ! -e "$bundle" ] || die "$bundle exists already"
-for tool in patchelf readelf strip ldd; do
-    command -v "$tool" >/dev/null || die "$tool not found (Debian packages patchelf, binutils, libc-bin)"
+for tool in patchelf readelf "${cross}strip"; do
+    command -v "$tool" >/dev/null || die "$tool not found (Debian packages patchelf, binutils${cross:+, binutils-${cross%-}})"
 done
-qmake=$(command -v qmake || command -v qmake-qt5 || echo /usr/lib/qt5/bin/qmake)
-[ -x "$qmake" ] || die "qmake not found (Debian package qtbase5-dev-tools)"
+qmake=$(command -v "${cross}qmake" || command -v qmake-qt5 || echo /usr/lib/qt5/bin/qmake)
+[ -x "$qmake" ] || die "${cross}qmake not found (Debian package qtbase5-dev-tools)"
 qt_plugins=$("$qmake" -query QT_INSTALL_PLUGINS)
+# What an ELF loads, as ldd tells it: from the wizard's own loader, which for
+# another machine runs under qemu.
+loader=$(readelf -lW "$gui" | sed -n 's/.*Requesting program interpreter: \(.*\)\]$/\1/p')
+[ -x "$loader" ] || die "$gui names no loader that is here"
+loaded() { # elf
+    "$loader" --list "$1"
+}
 
 mkdir -p "$bundle/usr/bin" "$bundle/usr/lib" "$bundle/usr/plugins"
 install -m 0755 "$gui" "$bundle/usr/bin/tavelin-gui"
@@ -53,7 +62,7 @@ bundle_needs() { # elf
     declare -A where=()
     while read -r soname _ path _; do
         [ -n "$path" ] && where[$soname]=$path
-    done < <(ldd "$elf" | grep '=> /')
+    done < <(loaded "$elf" | grep '=> /')
     for soname in $(readelf -d "$elf" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p'); do
         [ -n "${seen[$soname]:-}" ] && continue
         seen[$soname]=1
@@ -73,7 +82,7 @@ done
 # symbol table stays, so linking and plugin loading work as before. strip
 # goes first: rewriting a file patchelf has grown can break it.
 for elf in "$bundle/usr/bin/tavelin-gui" "$bundle"/usr/lib/*.so* "$bundle"/usr/plugins/*/*.so; do
-    strip --strip-unneeded "$elf" || die "strip failed on $elf"
+    "${cross}strip" --strip-unneeded "$elf" || die "strip failed on $elf"
 done
 
 # ICU's data is half the AppDir, most of it every language's names, units,
@@ -130,7 +139,7 @@ preload_list() {
                usr/plugins/imageformats/*.so usr/plugins/xcbglintegrations/libqxcb-glx-integration.so; do
         [ -f "$elf" ] || continue
         echo "$elf"
-        ldd "$elf" | awk '$2 == "=>" { print $3 }' | while read -r path; do
+        loaded "$elf" | awk '$2 == "=>" { print $3 }' | while read -r path; do
             path=$(realpath -m --relative-to=. "$path")
             case $path in usr/*) echo "$path" ;; esac
         done

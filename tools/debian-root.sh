@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Makes a Debian root with debootstrap (minbase) and the named packages, for
-# building the portable wizard in and for trying AppImages on. Kept as a
+# building the portable wizard in and for trying AppImages on. A package
+# named PACKAGE:ARCH is of another architecture, installed beside the root's
+# own for cross-building. Kept as a
 # cache: a root made before with the same suite, architecture and packages
 # is used as it is, so a second run downloads nothing. Built beside its place
 # and renamed into it, so a failed run leaves no half a root under DIR.
@@ -67,13 +69,18 @@ register() { # name line
     fi
     grep -q '^enabled' "$entry" || echo 1 > "$entry"
 }
-# Also for a root made before: it is of no use without. Once set up this
-# writes nothing, so it needs root only the first time after a boot.
+# A package named PACKAGE:ARCH is another architecture's, for cross-building.
+foreign_arches=$(printf '%s\n' "$@" | sed -n 's/^[^:]*:\([a-z0-9]*\)$/\1/p' | sort -u)
+# Also for a root made before: it is of no use without (a cross-built
+# program is looked at with its own loader). Once set up this writes
+# nothing, so it needs root only the first time after a boot.
 host_arch=$(dpkg --print-architecture)
-case $host_arch:$arch in
-    "$arch:$arch" | amd64:i386) ;;
-    *) emulate "$arch" ;;
-esac
+for emulated in $arch $foreign_arches; do
+    case $host_arch:$emulated in
+        "$emulated:$emulated" | amd64:i386) ;;
+        *) emulate "$emulated" ;;
+    esac
+done
 
 if [ -f "$dir/.tavelin-root" ] && [ "$(cat "$dir/.tavelin-root")" = "$stamp" ]; then
     exit 0
@@ -104,6 +111,9 @@ fi
 rm -f "$partial.log"
 echo "deb $mirror $suite main" > "$partial/etc/apt/sources.list"
 in_root() { chroot "$partial" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive LANG=C.UTF-8 "$@"; }
+for foreign in $foreign_arches; do
+    in_root dpkg --add-architecture "$foreign"
+done
 if [ -n "$packages" ]; then
     # shellcheck disable=SC2086 # one word a package
     if ! { in_root apt-get update -q && in_root apt-get install -y -q --no-install-recommends $packages; } \
