@@ -215,6 +215,9 @@ mutant pack-count-files-only pack/DPacker.cpp \
 mutant pack-bundle-not-checked pack/DPackToolchain.cpp \
     's/if (!fiWizard.isFile() || !fiWizard.isExecutable()) {/if (false) {/' \
     'tst_tavelinpack'
+mutant pack-any-machine pack/DPackRun.cpp \
+    's/if (!machines.contains(request.machine))/if (false)/' \
+    'tst_tavelinpack'
 mutant floor-versions-unchecked packaging/check-floor.sh \
     's/\[ -n "\${floor\[\$prefix\]:-}" \] || continue/continue/' \
     'tst_tavelinpack'

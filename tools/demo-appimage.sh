@@ -5,17 +5,21 @@
 # packs the demo package into one AppImage file with the installed
 # tavelin-pack and its description file, and prints the file's path on its
 # last line. tools/demo.sh builds with it and starts the result.
+#   tools/demo-appimage.sh [MACHINE]   for another machine than this one,
+#                                      e.g. aarch64 (bundle/machines.txt)
 set -euo pipefail
 cd "$(dirname "$0")/.."
+machine=${1:-$(uname -m)}
 tools/install-deps.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j "$(nproc)" --target tavelin-pack tavelin-runtime >/dev/null
-cmake --build build --target tavelin-bundle >/dev/null
+cmake --build build --target "tavelin-bundle-$machine" >/dev/null
 rm -rf build/toolchain
 cmake --install build --prefix build/toolchain >/dev/null
 
-# The description file writes out/TavelinDemo-x86_64.AppImage.
-appimage=$PWD/out/TavelinDemo-x86_64.AppImage
+# The description file writes out/TavelinDemo-x86_64.AppImage; the machine
+# and its name in the file's are given here.
+appimage=$PWD/out/TavelinDemo-$machine.AppImage
 rm -f "$appimage"
-build/toolchain/bin/tavelin-pack --config examples/demo/tavelin-pack.json
+build/toolchain/bin/tavelin-pack --config examples/demo/tavelin-pack.json --arch "$machine" --appimage "$appimage"
 echo "$appimage"

@@ -1,15 +1,17 @@
 #!/usr/bin/env bash
 # The AppImage on Debian desktops as users have them: a Debian 11 and a
 # Debian 13 root with GTK 3, GL, EGL, a Chinese font and the release's FUSE,
-# but no Qt and no xcb extension libraries chosen by us. In each, as root
-# and as uid 65534, the AppImage is started under chroot on a host Xvfb,
+# but no Qt and no xcb extension libraries chosen by us, of the AppImage's
+# architecture; another machine's root runs under qemu through binfmt_misc
+# (tools/debian-root.sh sets it up). In each, as root and as uid 65534, the
+# rows say which, the AppImage is started under chroot on a host Xvfb,
 # its window must map with the payload reached the way the row says, and an
 # install typed into the window must complete. Every row runs in a private
 # mount namespace over an overlay of the cached root, so the root stays as
 # it was made and every mount goes with the namespace.
 # Needs root, Xvfb, xdotool, overlayfs, /dev/fuse and, the first time,
 # Debian's archive: the roots are cached in ROOTS_DIR, about 560 MB each,
-# made in about a minute and a half each.
+# made in about a minute and a half each (an emulated one in about seven).
 #   tests/system/check-distros.sh APPIMAGE WMSTATE ROOTS_DIR
 # WMSTATE is the tavelin-x-wmstate program of the build. TAVELIN_DISTROS
 # names the suites to try (default: all of them).
@@ -27,6 +29,17 @@ done
 grep -qw overlay /proc/filesystems || modprobe overlay 2>/dev/null || die "the kernel has no overlayfs; cannot check the distributions"
 [ -c /dev/fuse ] || die "the host has no /dev/fuse to give the roots; cannot check the distributions"
 fuse_dev=$(stat -c '%Hr %Lr' /dev/fuse)
+# shellcheck source=../../bundle/root.sh
+. "$top/bundle/root.sh"
+for machine in $(awk '/^[a-z]/ { print $1 }' "$top/bundle/machines.txt"); do
+    readelf -h "$appimage" 2>/dev/null | grep -q "Machine: .*$(elf_machine "$machine")\$" && break
+    machine=
+done
+[ -n "$machine" ] || die "$appimage is not an AppImage for $(machines)"
+arch=$(debian_arch "$machine")
+# Started under qemu the wizard takes several times as long to map its window.
+patience=60
+[ "$machine" = "$(uname -m)" ] || patience=240
 
 # suite | Debian version | packages beyond minbase: what a desktop has that
 # the wizard may use, and the release's own FUSE (Debian 11's is fuse 2).
@@ -34,13 +47,15 @@ distros=(
     "bullseye|11|libgtk-3-0 libgl1 libegl1 fonts-wqy-microhei fuse"
     "trixie|13|libgtk-3-0t64 libgl1 libegl1 fonts-wqy-microhei fuse3"
 )
-# suite | uid | how the payload must be reached. The runtime mounts as an
-# unprivileged user only through fusermount3, which fuse 2 does not have.
+# suite | architecture | uid | how the payload must be reached. The runtime
+# mounts as an unprivileged user only through fusermount3, which fuse 2 does
+# not have. Emulated, one row: the floor, as root.
 rows=(
-    "bullseye|0|mounted"
-    "bullseye|65534|mounted"
-    "trixie|0|mounted"
-    "trixie|65534|mounted"
+    "bullseye|amd64|0|mounted"
+    "bullseye|amd64|65534|mounted"
+    "trixie|amd64|0|mounted"
+    "trixie|amd64|65534|mounted"
+    "bullseye|arm64|0|mounted"
 )
 wanted=${TAVELIN_DISTROS:-bullseye trixie}
 
@@ -68,13 +83,13 @@ started=$SECONDS
 declare -A version
 for distro in "${distros[@]}"; do
     IFS='|' read -r suite ver packages <<<"$distro"
-    [[ " $wanted " == *" $suite "* ]] || continue
+    [[ " $wanted " == *" $suite "* ]] && printf '%s\n' "${rows[@]}" | grep -q "^$suite|$arch|" || continue
     version[$suite]=$ver
     t0=$SECONDS
     # shellcheck disable=SC2086 # one word a package
-    "$top/tools/debian-root.sh" "$suite" amd64 "$roots/desktop-$suite-amd64" $packages \
-        || die "no Debian $ver ($suite) root in $roots; cannot check the distributions"
-    echo "check-distros: Debian $ver ($suite) root ready in $((SECONDS - t0)) s"
+    "$top/tools/debian-root.sh" "$suite" "$arch" "$roots/desktop-$suite-$arch" $packages \
+        || die "no Debian $ver ($suite, $arch) root in $roots; cannot check the distributions"
+    echo "check-distros: Debian $ver ($suite, $arch) root ready in $((SECONDS - t0)) s"
 done
 
 Xvfb -displayfd 3 -ac -nolisten tcp -screen 0 1024x800x24 3>"$scratch/display" >/dev/null 2>&1 &
@@ -90,7 +105,7 @@ export DISPLAY
 # start it from Downloads, exec'd so that its pid is the row's.
 # shellcheck disable=SC2016 # expanded by the sh in the namespace
 inside='set -e
-root=$1 upper=$2 work=$3 m=$4 uid=$5 home=$6 fuse=$7 appimage=$8
+root=$1 upper=$2 work=$3 m=$4 uid=$5 home=$6 fuse=$7 appimage=$8 name=$9
 mount -t overlay overlay -o "lowerdir=$root,upperdir=$upper,workdir=$work" "$m"
 mount -t proc proc "$m/proc"
 mount -t sysfs sysfs "$m/sys"
@@ -105,12 +120,12 @@ mkdir -m 1777 "$m/dev/shm"
 ln -s /proc/self/fd "$m/dev/fd"
 mkdir -p "$m/tmp/.X11-unix" "$m$home/Downloads" "$m/run/user/$uid"
 mount --bind /tmp/.X11-unix "$m/tmp/.X11-unix"
-install -m 0755 "$appimage" "$m$home/Downloads/TavelinDemo-x86_64.AppImage"
+install -m 0755 "$appimage" "$m$home/Downloads/$name"
 chown -R "$uid:$uid" "$m$home" "$m/run/user/$uid"
 chmod 0700 "$m/run/user/$uid"
 exec chroot --userspec="$uid:$uid" --groups="$uid" "$m" env -i --chdir="$home" HOME="$home" \
     USER="$(test "$uid" = 0 && echo root || echo nobody)" DISPLAY="$DISPLAY" LANG=C.UTF-8 \
-    PATH=/usr/local/bin:/usr/bin:/bin XDG_RUNTIME_DIR="/run/user/$uid" "$home/Downloads/TavelinDemo-x86_64.AppImage"'
+    PATH=/usr/local/bin:/usr/bin:/bin XDG_RUNTIME_DIR="/run/user/$uid" "$home/Downloads/$name"'
 
 # Runs one row; on failure says why in $why.
 row() {
@@ -122,15 +137,16 @@ row() {
         entry=/home/nobody/.local/share/applications/tavelin-demo.desktop
     fi
     mkdir -p "$dir/upper" "$dir/work" "$dir/merged"
-    setsid unshare -m -- sh -c "$inside" - "$(readlink -f "$roots/desktop-$suite-amd64")" "$dir/upper" \
-        "$dir/work" "$dir/merged" "$uid" "$home" "$fuse_dev" "$appimage" >"$dir/wizard.log" 2>&1 &
+    setsid unshare -m -- sh -c "$inside" - "$(readlink -f "$roots/desktop-$suite-$arch")" "$dir/upper" \
+        "$dir/work" "$dir/merged" "$uid" "$home" "$fuse_dev" "$appimage" "TavelinDemo-$machine.AppImage" \
+        >"$dir/wizard.log" 2>&1 &
     running=$!
-    for _ in $(seq 600); do
+    for _ in $(seq $((patience * 10))); do
         window=$(xdotool search --onlyvisible --name TavelinDemo 2>/dev/null | head -n 1) && [ -n "$window" ] && break
         alive "$running" || { why="the wizard ended before its window mapped"; return 1; }
         sleep 0.1
     done
-    [ -n "$window" ] || { why="no wizard window within 60 s"; return 1; }
+    [ -n "$window" ] || { why="no wizard window within $patience s"; return 1; }
     pid=$(xdotool getwindowpid "$window" 2>/dev/null) || { why="the window $window names no process"; return 1; }
     # What the wizard sees is the root, not the host.
     grep -q "^${version[$suite]}\." "/proc/$pid/root/etc/debian_version" 2>/dev/null \
@@ -157,12 +173,12 @@ row() {
     timeout 10 xdotool windowfocus --sync "$window" 2>/dev/null || true
     timeout 10 xdotool key --window "$window" Return
     # Whatever the wizard writes lands in the overlay's upper layer.
-    for _ in $(seq 600); do
+    for _ in $(seq $((patience * 10))); do
         [ -f "$dir/upper$location/uninstall.sh" ] && [ -f "$dir/upper$entry" ] && break
         alive "$running" || { why="the wizard ended before installing"; return 1; }
         sleep 0.1
     done
-    [ -f "$dir/upper$location/uninstall.sh" ] || { why="no uninstall.sh in $location within 60 s"; return 1; }
+    [ -f "$dir/upper$location/uninstall.sh" ] || { why="no uninstall.sh in $location within $patience s"; return 1; }
     [ -f "$dir/upper$entry" ] || { why="no desktop entry at $entry"; return 1; }
     grep -q "^Exec=\"$location/" "$dir/upper$entry" || { why="the desktop entry $entry does not start $location"; return 1; }
     done_what="window mapped, payload $path at $appdir, installed into $location, entry at $entry"
@@ -170,15 +186,15 @@ row() {
 
 failed=0 count=0
 for line in "${rows[@]}"; do
-    IFS='|' read -r suite uid path <<<"$line"
-    [ -n "${version[$suite]:-}" ] || continue
+    IFS='|' read -r suite row_arch uid path <<<"$line"
+    [ "$row_arch" = "$arch" ] && [ -n "${version[$suite]:-}" ] || continue
     count=$((count + 1))
     dir=$scratch/row-$count why='' done_what='' t0=$SECONDS
     if row "$suite" "$uid" "$path" "$dir"; then
-        echo "check-distros: Debian ${version[$suite]} ($suite), uid $uid: ok in $((SECONDS - t0)) s: $done_what"
+        echo "check-distros: Debian ${version[$suite]} ($suite, $arch), uid $uid: ok in $((SECONDS - t0)) s: $done_what"
     else
         failed=$((failed + 1))
-        echo "check-distros: Debian ${version[$suite]} ($suite), uid $uid: FAIL: $why"
+        echo "check-distros: Debian ${version[$suite]} ($suite, $arch), uid $uid: FAIL: $why"
         sed 's/^/  wizard: /' "$dir/wizard.log" | tail -n 30
     fi
     stop "$running"
@@ -187,10 +203,10 @@ for line in "${rows[@]}"; do
     left=$(find "$dir/upper/tmp" -maxdepth 1 \( -name '.mount_tavelin*' -o -name '.tavelin-appimage-*' \) 2>/dev/null)
     if [ -n "$left" ] && [ -z "$why" ]; then
         failed=$((failed + 1))
-        echo "check-distros: Debian ${version[$suite]} ($suite), uid $uid: FAIL: the runtime left ${left#"$dir/upper"} behind"
+        echo "check-distros: Debian ${version[$suite]} ($suite, $arch), uid $uid: FAIL: the runtime left ${left#"$dir/upper"} behind"
         sed 's/^/  wizard: /' "$dir/wizard.log" | tail -n 30
     fi
 done
-[ "$count" -gt 0 ] || die "no row for TAVELIN_DISTROS=$wanted"
+[ "$count" -gt 0 ] || die "no $arch row for TAVELIN_DISTROS=$wanted"
 [ "$failed" = 0 ] || die "FAIL: $failed of $count rows ($((SECONDS - started)) s)"
 echo "check-distros: PASS ($count rows, $((SECONDS - started)) s)"

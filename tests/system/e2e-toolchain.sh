@@ -60,6 +60,41 @@ mkdir "$scratch/two"
 cmp "$first" "$scratch/two/$name" || fail "two packs of the same demo differ"
 step "a second pack of a fresh copy, elsewhere, under umask 077 gives the same $(stat -c %s "$first") bytes"
 
+# An installer is one download: the demo's stays under 22 MB on each machine.
+small_enough() { # appimage
+    [ "$(stat -c %s "$1")" -le 22000000 ] || fail "$1 takes $(stat -c %s "$1") bytes, more than 22 MB"
+}
+small_enough "$first"
+
+# The demo for each other machine whose toolchain is built
+# (tavelin-bundle-MACHINE): named once in a description file and once on the
+# command line, the two packs alike, and its image asks the host for nothing
+# beyond the host list.
+for other in $(awk -v host="$(uname -m)" '/^[a-z]/ && $1 != host { print $1 }' "$here/../../bundle/machines.txt"); do
+if [ -d "$scratch/moved/libexec/tavelin/wizard-bundle/$other" ]; then
+    # The manifest names the AppImage: the same name in two directories.
+    mkdir -p "$scratch/$other/file" "$scratch/$other/line"
+    cp -r "$here/../../examples/demo" "$scratch/$other/demo"
+    sed -i "1a\\    \"arch\": \"$other\"," "$scratch/$other/demo/tavelin-pack.json"
+    (cd "$scratch/$other" && "$pack" --config demo/tavelin-pack.json --appimage "file/TavelinDemo-$other.AppImage" >/dev/null \
+        && "$pack" --config "$here/../../examples/demo/tavelin-pack.json" --arch "$other" --appimage "line/TavelinDemo-$other.AppImage" >/dev/null) \
+        || fail "the $other packs failed"
+    packed=$scratch/$other/file/TavelinDemo-$other.AppImage
+    readelf -h "$packed" | grep -q "Machine: .*$(awk -v m="$other" '$1 == m { print $3 }' \
+        "$here/../../bundle/machines.txt")\$" || fail "the AppImage packed for $other is not an $other program"
+    cmp "$packed" "$scratch/$other/line/TavelinDemo-$other.AppImage" || fail "two $other packs of the demo differ"
+    small_enough "$packed"
+    runtime=$scratch/moved/libexec/tavelin/runtime/$other/tavelin-runtime
+    unsquashfs -q -n -o "$(stat -c %s "$runtime")" -d "$scratch/$other/AppDir" "$packed" >/dev/null
+    "$scratch/moved/libexec/tavelin/check-floor.sh" "$scratch/$other/AppDir" "$scratch/moved/share/tavelin/host-libraries.txt" \
+        "$("$pack" --payload-layout | sed -n 's/^payload=//p')" >/dev/null \
+        || fail "the $other AppImage asks the host for more than the host list"
+    step "the demo packed for $other twice alike, $(stat -c %s "$packed") bytes, within the host list"
+else
+    echo "e2e-toolchain: SKIP: the toolchain has no $other bundle (cmake --build BUILD --target tavelin-bundle-$other)" >&2
+fi
+done
+
 # Another application, one program built on this host: the pack's own floor
 # check leaves the packager's soft/ alone and passes the wizard's part, and
 # the installed check says the same of the image read back.
