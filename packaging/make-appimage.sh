@@ -29,6 +29,13 @@ command -v readelf >/dev/null || die "readelf not found (Debian package binutils
 [ "$(dd if="$runtime" bs=1 skip=8 count=3 status=none | od -An -c | tr -d ' ')" = 'AI002' ] \
     || die "$runtime carries no AppImage type 2 mark"
 
+# The runtime starts the wizard: both must be for one machine (a script in
+# the wizard's place, as in tests, has none).
+machine_of() { readelf -h "$1" 2>/dev/null | sed -n 's/^ *Machine: *//p' || true; }
+wizard_machine=$(machine_of "$appdir/usr/bin/tavelin-gui")
+[ -z "$wizard_machine" ] || [ "$wizard_machine" = "$(machine_of "$runtime")" ] \
+    || die "the wizard in $appdir is for $wizard_machine, the runtime $runtime for $(machine_of "$runtime")"
+
 work=$(mktemp -d)
 partial= # the output while it is being written: a failure removes it
 cleanup() {

@@ -100,6 +100,7 @@ private slots:
         QTest::newRow("AppImage's directory is a file") << "appimage-dir" << "cannot create the directory";
         QTest::newRow("mksquashfs fails half-way") << "mksquashfs" << "mksquashfs failed";
         QTest::newRow("wizard bundle missing") << "no-bundle" << "the wizard bundle";
+        QTest::newRow("wizard for another machine than the runtime") << "other-wizard" << ", the runtime ";
         QTest::newRow("machine we make no AppImage for") << "machine" << R"(no AppImage for the machine "riscv64")";
         QTest::newRow("wizard asks more than the floor") << "host-wizard" << "newer than the floor's GLIBC_2.31";
     }
@@ -144,11 +145,16 @@ private slots:
         const QString strWizard = tempDir->filePath(QStringLiteral("bundle/usr/bin/tavelin-gui"));
         if (problem == QLatin1String("host-wizard"))
             QVERIFY(QDir().mkpath(QFileInfo(strWizard).path()) && QFile::copy(QStringLiteral(TAVELIN_GUI_BINARY), strWizard));
+    #ifdef TAVELIN_RUNTIME_BINARY
+        else if (problem == QLatin1String("other-wizard"))
+            QVERIFY(copyAsOtherMachine(QStringLiteral(TAVELIN_RUNTIME_BINARY), strWizard));
+    #endif
         else if (problem != QLatin1String("no-bundle"))
             QVERIFY(TestSupport::writeFile(strWizard, "#!/bin/sh\n") && ::chmod(qPrintable(strWizard), 0755) == 0);
         QVERIFY(TestSupport::writeFile(tempDir->filePath(QStringLiteral("bundle/.tavelin-preload")), ""));
     #ifndef TAVELIN_RUNTIME_BINARY
-        if (problem == QLatin1String("mksquashfs") || problem == QLatin1String("host-wizard"))
+        if (problem == QLatin1String("mksquashfs") || problem == QLatin1String("host-wizard")
+            || problem == QLatin1String("other-wizard"))
             QSKIP("the AppImage runtime is not built (Debian package libsquashfuse-dev)");
     #endif
         if (problem != QLatin1String("no-tree"))
@@ -253,6 +259,17 @@ private slots:
     }
 
 private:
+    // A static program that passes the floor, its ELF header's e_machine
+    // turned from this machine's into another's (x86-64 62, AArch64 183).
+    static bool copyAsOtherMachine(const QString& strFrom, const QString& strTo)
+    {
+        QByteArray baElf = TestSupport::readFile(strFrom);
+        if (baElf.size() < 20 || !QDir().mkpath(QFileInfo(strTo).path()))
+            return false;
+        baElf[18] = static_cast<char>(baElf.at(18) == 62 ? 183 : 62);
+        return TestSupport::writeFile(strTo, baElf) && ::chmod(qPrintable(strTo), 0755) == 0;
+    }
+
     TPackRequest makeRequest(const QString& strBase) const
     {
         const TPackRequest request{strBase + "/tree", strBase + "/demo.desktop", strBase + "/demo.png", "Demo", "演示",
