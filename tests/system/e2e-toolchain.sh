@@ -87,7 +87,7 @@ if [ -d "$scratch/moved/libexec/tavelin/wizard-bundle/$other" ]; then
     runtime=$scratch/moved/libexec/tavelin/runtime/$other/tavelin-runtime
     unsquashfs -q -n -o "$(stat -c %s "$runtime")" -d "$scratch/$other/AppDir" "$packed" >/dev/null
     "$scratch/moved/libexec/tavelin/check-floor.sh" "$scratch/$other/AppDir" "$scratch/moved/share/tavelin/host-libraries.txt" \
-        "$("$pack" --payload-layout | sed -n 's/^payload=//p')" >/dev/null \
+        "$("$pack" --payload-layout | sed -n 's/^payload=//p')" \
         || fail "the $other AppImage asks the host for more than the host list"
     step "the demo packed for $other twice alike, $(stat -c %s "$packed") bytes, within the host list"
 else
