@@ -9,7 +9,13 @@
 #                                      e.g. aarch64 (bundle/machines.txt)
 set -euo pipefail
 cd "$(dirname "$0")/.."
+source bundle/root.sh
 machine=${1:-$(uname -m)}
+# Refused before anything is built: an option or a typo is not a machine.
+[ $# -le 1 ] && [ -n "$(debian_arch "$machine")" ] || {
+    echo "demo-appimage: \"$*\" is not a machine: the machines are $(machines) (bundle/machines.txt)" >&2
+    exit 1
+}
 tools/install-deps.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j "$(nproc)" --target tavelin-pack tavelin-runtime >/dev/null

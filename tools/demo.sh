@@ -7,7 +7,7 @@
 # and the switch-to-root row is red.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-appimage=$(tools/demo-appimage.sh --build | tail -n 1)
+appimage=$(tools/demo-appimage.sh | tail -n 1)
 echo "Demo AppImage: $appimage"
 if [ -n "${DISPLAY:-}" ]; then
     exec "$appimage"
