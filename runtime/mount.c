@@ -25,6 +25,7 @@ struct mount {
     const char* image;
     size_t offset;
     char dir[PATH_MAX];
+    char link[PATH_MAX]; /* removed with its directory by the guard; empty for none */
     char helper[PATH_MAX]; /* the fusermount that mounted, empty when mounted directly */
     int helper_socket;
     int guard; /* our end of the guard's socket, -1 without a guard */
@@ -243,11 +244,25 @@ static void unmount_through(const char* helper, const char* dir)
         waitpid(child, NULL, 0);
 }
 
+/* Removes link and the directory it is alone in. */
+static void remove_link(const char* link)
+{
+    char dir[PATH_MAX];
+    snprintf(dir, sizeof dir, "%s", link);
+    char* slash = strrchr(dir, '/');
+    unlink(link);
+    if (slash) {
+        *slash = '\0';
+        rmdir(dir);
+    }
+}
+
 /* The guard's part: waits for the runtime's end of the socket to close. A
  * byte first means the runtime unmounted itself; none means it was killed,
- * and the guard unmounts and removes dir. */
-static _Noreturn void unmount_when_killed(const char* helper, const char* dir, int socket)
+ * and the guard unmounts and removes dir, and link where there is one. */
+static _Noreturn void unmount_when_killed(const struct mount* mount, int socket)
 {
+    const char *helper = mount->helper, *dir = mount->dir;
     char byte;
     ssize_t got;
     while ((got = read(socket, &byte, 1)) < 0 && errno == EINTR)
@@ -257,6 +272,8 @@ static _Noreturn void unmount_when_killed(const char* helper, const char* dir, i
     /* fuse 2's fusermount may be unmounting it too, on auto_unmount */
     for (int tries = 0; got == 0 && tries < 20 && rmdir(dir) != 0 && errno == EBUSY; ++tries)
         usleep(100 * 1000);
+    if (got == 0 && mount->link[0])
+        remove_link(mount->link);
     _exit(0);
 }
 
@@ -272,9 +289,10 @@ static void close_from(int first)
         close(fd);
 }
 
-/* Starts a process that takes the mount down and removes its directory
- * should the runtime be killed: fusermount3 3.14 (Debian 12) does not act on
- * auto_unmount once the server is gone, being refused the dead mount as root.
+/* Starts a process that takes the mount down and removes its directory, and
+ * the link for APPIMAGE, should the runtime be killed: fusermount3 3.14
+ * (Debian 12) does not act on auto_unmount once the server is gone, being
+ * refused the dead mount as root.
  * The guard holds nothing of the runtime's but a socket's other end, has a
  * session of its own and the stop signals held, so that neither a terminal
  * nor a stop signal meant for the runtime ends it early, and is orphaned at
@@ -295,7 +313,7 @@ static int start_guard(const struct mount* mount)
             dup2(null, fd);
         if (dup2(ends[0], 3) == 3)
             close_from(4);
-        unmount_when_killed(mount->helper, mount->dir, 3);
+        unmount_when_killed(mount, 3);
     }
     close(ends[0]);
     if (child > 0)
@@ -331,7 +349,7 @@ static struct mount* give_up(struct mount* mount, char* why, size_t size, const 
     return NULL;
 }
 
-struct mount* mount_open(const struct image* image, const char* dir, char* why, size_t size)
+struct mount* mount_open(const struct image* image, const char* dir, const char* link, char* why, size_t size)
 {
     if (access("/dev/fuse", R_OK | W_OK) != 0) {
         snprintf(why, size, "/dev/fuse: %s", strerror(errno));
@@ -358,6 +376,7 @@ struct mount* mount_open(const struct image* image, const char* dir, char* why, 
         return give_up(mount, why, size, NULL);
     fcntl(fuse_session_fd(mount->session), F_SETFD, FD_CLOEXEC);
     snprintf(mount->dir, sizeof mount->dir, "%s", dir);
+    snprintf(mount->link, sizeof mount->link, "%s", link ? link : "");
     mount->image = image->path;
     mount->offset = (size_t)image->offset;
     if (mount->helper[0])

@@ -1,11 +1,13 @@
 /* The AppImage runtime: runs AppRun from the squashfs image appended to this
  * very file, served through FUSE by this process where FUSE is usable,
  * otherwise extracted into a private temporary directory. Either goes when
- * AppRun ends. */
+ * AppRun ends, as does the link APPIMAGE names where the path needs one. */
 #include "extract.h"
 #include "image.h"
 #include "launch.h"
 #include "mount.h"
+/* After the headers above: squashfuse's set the POSIX level before any system header. */
+#include "appimagelink.h"
 
 #include <errno.h>
 #include <ftw.h>
@@ -67,11 +69,11 @@ static void remove_tree(const char* dir)
     nftw(dir, remove_entry, 16, FTW_DEPTH | FTW_PHYS | FTW_MOUNT);
 }
 
-static void set_environment(const char* dir, const struct image* image, const char* argv0)
+static void set_environment(const char* dir, const char* appimage, const char* argv0)
 {
-    char owd[PATH_MAX], path[PATH_MAX];
+    char owd[PATH_MAX];
     setenv("APPDIR", dir, 1);
-    setenv("APPIMAGE", realpath(image->path, path) ? path : image->path, 1);
+    setenv("APPIMAGE", appimage, 1);
     setenv("ARGV0", argv0, 1);
     if (getcwd(owd, sizeof owd))
         setenv("OWD", owd, 1);
@@ -95,15 +97,13 @@ static int run_apprun(const char* dir, char** args, struct mount* mount)
 }
 
 /* Mounts where FUSE allows, extracts otherwise, and always cleans up after AppRun. */
-static int run(const struct image* image, char* argv0, char** args, int extract)
+static int mount_or_extract_and_run(const struct image* image, const struct appimage_link* link, char* argv0,
+                                    char** args, int extract)
 {
     char dir[PATH_MAX], why[256];
     struct mount* mount = NULL;
-    if (image_check_squashfs(image, "AppRun") != 0)
-        return 1;
-    launch_hold_signals();
     if (!extract && make_private_dir(dir, sizeof dir, ".mount_tavelin") == 0) {
-        mount = mount_open(image, dir, why, sizeof why);
+        mount = mount_open(image, dir, link->dir[0] ? link->path : NULL, why, sizeof why);
         if (!mount) {
             rmdir(dir);
             fprintf(stderr, "tavelin-runtime: cannot mount the image (%s), extracting it instead\n", why);
@@ -115,7 +115,7 @@ static int run(const struct image* image, char* argv0, char** args, int extract)
         remove_tree(dir);
         return 1;
     }
-    set_environment(dir, image, argv0);
+    set_environment(dir, link->path, argv0);
     int status = run_apprun(dir, args, mount);
     if (mount) {
         mount_close(mount);
@@ -123,6 +123,19 @@ static int run(const struct image* image, char* argv0, char** args, int extract)
     } else {
         remove_tree(dir);
     }
+    return status;
+}
+
+/* The link for APPIMAGE comes first, so that a guard the mount starts knows it too. */
+static int run(const struct image* image, char* argv0, char** args, int extract)
+{
+    if (image_check_squashfs(image, "AppRun") != 0)
+        return 1;
+    launch_hold_signals();
+    struct appimage_link link;
+    appimage_link_make(&link, image->path);
+    int status = mount_or_extract_and_run(image, &link, argv0, args, extract);
+    appimage_link_remove(&link);
     return status;
 }
 
@@ -134,7 +147,7 @@ static int mount_and_wait(const struct image* image)
     launch_hold_signals();
     if (make_private_dir(dir, sizeof dir, ".mount_tavelin") != 0)
         return 1;
-    struct mount* mount = mount_open(image, dir, why, sizeof why);
+    struct mount* mount = mount_open(image, dir, NULL, why, sizeof why);
     if (!mount) {
         rmdir(dir);
         fprintf(stderr, "tavelin-runtime: cannot mount the image: %s\n", why);

@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Checks the AppImage runtime as a whole program on little images of its own:
 # the in-process FUSE mount as root and, through fusermount3 or fuse 2's
-# fusermount, as uid 65534, extraction as uid 65534, nothing left behind
-# however AppRun or the runtime ends, every --appimage-* option, links that
-# must not lead extraction out of squashfs-root, and files that are no AppImage.
+# fusermount, as uid 65534, extraction as uid 65534, APPIMAGE as a path a
+# shell takes unquoted, nothing left behind however AppRun or the runtime
+# ends, every --appimage-* option, links that must not lead extraction out of
+# squashfs-root, and files that are no AppImage.
 # Needs root. Prints one summary line; the failures, if any, before it.
 #   tests/system/check-runtime.sh RUNTIME
 set -uo pipefail
@@ -45,6 +46,7 @@ guard_of() {
 }
 
 # The AppDir: AppRun tells what it was handed, then waits on the FIFO $HOLD if set.
+# APPIMAGE goes into the installer's shell line unquoted, as it is run here.
 app=$scratch/AppDir
 mkdir -p "$app/sub"
 echo "from the image" > "$app/sub/data"
@@ -54,6 +56,9 @@ echo "appdir=$APPDIR"; echo "appimage=$APPIMAGE"; echo "argv0=$ARGV0"; echo "owd
 echo "data=$(cat "$APPDIR/sub/data")"
 echo "fs=$(awk -v d="$APPDIR" '$5 == d { for (i = 7; $i != "-"; i++); print $(i + 1) }' /proc/self/mountinfo)"
 echo "leaks=$(for f in /proc/$$/fd/*; do readlink "$f"; done | grep -c -e fuse -e AppImage)"
+echo "link=$(readlink -f "$APPIMAGE")"; echo "linkdir=$(stat -c '%a %u' "${APPIMAGE%/*}")"
+echo "linkdirs=$(ls -A "$TMPDIR" | grep -c '^\.tavelin-appimage-link-')"
+echo "ran=$(bash -c "$APPIMAGE --appimage-version" 2>&1)"
 for a in "$@"; do echo "[$a]"; done
 [ -z "${HOLD:-}" ] || { echo $$ > "$HOLD.pid"; read -r _ < "$HOLD"; }
 exit 7
@@ -65,8 +70,12 @@ make_appimage() { # RUNTIME DIR OUTPUT [COMPRESSION]
 }
 make_appimage "$runtime" "$app" "$scratch/test.AppImage"
 make_appimage "$runtime" "$app" "$scratch/gzip.AppImage" gzip
-mkdir "$scratch/with blanks"
-cp "$scratch/test.AppImage" "$scratch/with blanks/my app.AppImage"
+# Names a shell splits or expands, a browser's second download among them;
+# and names it takes as they are, but for '=', which env takes for an assignment.
+odd="$scratch/with blanks/Demo (1).AppImage" chinese="$scratch/with blanks/演示 \$x'q.AppImage"
+equals=$scratch/with=sign/test.AppImage inert=$scratch/in+ert,:@%-dir/test_1.2.AppImage
+mkdir "$scratch/with blanks" "${equals%/*}" "${inert%/*}"
+for copy in "$odd" "$chinese" "$equals" "$inert"; do cp "$scratch/test.AppImage" "$copy"; done
 cp "$runtime" "$scratch/bare"
 # A host squashfuse is never needed: these decoys tell if one is run.
 for decoy in squashfuse squashfuse_ll; do
@@ -104,8 +113,9 @@ else
 fi
 args=(one "two words" "it's \"quoted\"" "" "--appimage-not-ours" '$HOME *')
 
-# Running AppRun: NAME;USER;MOUNTED(1/0);STDERR-LINES;PROGRAM;FIRST-ARGUMENT;VAR=VALUE;WRAPPER
-while IFS=';' read -r name user mounted errlines program first vars wrapper; do
+# Running AppRun: NAME;USER;MOUNTED(1/0);STDERR-LINES;PROGRAM;LINK;FIRST-ARGUMENT;VAR=VALUE;WRAPPER
+# LINK is the name of the link APPIMAGE names, empty where it is the real path.
+while IFS=';' read -r name user mounted errlines program link first vars wrapper; do
     [ -n "$name" ] || continue
     fresh_tmp "$user"
     mkdir -p "$scratch/run/$name" && cd "$scratch/run/$name" || exit 1
@@ -118,7 +128,16 @@ while IFS=';' read -r name user mounted errlines program first vars wrapper; do
     check "$name: file system '$fs'" has out "fs=$fs"
     target=$program
     [[ $vars != TARGET_APPIMAGE=* ]] || target=${vars#*=}
-    check "$name: APPIMAGE" has out "appimage=$(readlink -f "$target")"
+    real=$(readlink -f "$target") appimage=$(sed -n 's/^appimage=//p' out)
+    if [ -z "$link" ]; then
+        check "$name: APPIMAGE the real path, no link made" bash -c '[ "$1" = "$2" ] && grep -qx linkdirs=0 out' - \
+            "$appimage" "$real"
+    else
+        check "$name: APPIMAGE $appimage, a link to the file" bash -c '[[ $1 == "$2"/.tavelin-appimage-link-??????/"$3" ]] \
+            && grep -qxF "link=$4" out' - "$appimage" "$scratch/tmp" "$link" "$real"
+        check "$name: the link's directory 700 and the user's" has out "linkdir=700 $user"
+    fi
+    check "$name: \$APPIMAGE unquoted runs" grep -q '^ran=tavelin-runtime [0-9]' out
     check "$name: ARGV0, OWD, data" bash -c 'grep -qxF "argv0=$1" out && grep -qxF "owd=$PWD" out &&
         grep -qxF "data=from the image" out' - "$program"
     check "$name: arguments" diff <(printf '[%s]\n' "${args[@]}") <(grep '^\[' out)
@@ -126,29 +145,47 @@ while IFS=';' read -r name user mounted errlines program first vars wrapper; do
     check "$name: $errlines line(s) on stderr" [ "$(wc -l < err)" = "$errlines" ]
     check "$name: nothing left in TMPDIR" clean_tmp
 done <<EOF
-mount-as-root;0;1;0;$scratch/test.AppImage;;
-gzip-image;0;1;0;$scratch/gzip.AppImage;;
-blanks-in-path;0;1;0;$scratch/with blanks/my app.AppImage;;
-extract-as-nobody;65534;0;1;$scratch/test.AppImage;;
-mount-as-nobody;65534;1;0;$scratch/test.AppImage;;;$open_fuse
-${fuse2_only:+mount-as-nobody-helper2;65534;1;0;$scratch/test.AppImage;;;$fuse2_only}
-extract-and-run-env;0;0;0;$scratch/test.AppImage;;APPIMAGE_EXTRACT_AND_RUN=1
-extract-and-run-option;0;0;0;$scratch/test.AppImage;--appimage-extract-and-run;
-target-appimage;0;1;0;$scratch/bare;;TARGET_APPIMAGE=$scratch/test.AppImage
+mount-as-root;0;1;0;$scratch/test.AppImage;;;
+gzip-image;0;1;0;$scratch/gzip.AppImage;;;
+blanks-in-path;0;1;0;$odd;Demo__1_.AppImage;;
+equals-in-path;0;1;0;$equals;test.AppImage;;
+inert-punctuation;0;1;0;$inert;;;
+extract-as-nobody;65534;0;1;$scratch/test.AppImage;;;
+chinese-extract-as-nobody;65534;0;1;$chinese;________x_q.AppImage;;
+mount-as-nobody;65534;1;0;$scratch/test.AppImage;;;;$open_fuse
+blanks-mount-as-nobody;65534;1;0;$odd;Demo__1_.AppImage;;;$open_fuse
+chinese-mount-as-nobody;65534;1;0;$chinese;________x_q.AppImage;;;$open_fuse
+${fuse2_only:+mount-as-nobody-helper2;65534;1;0;$scratch/test.AppImage;;;;$fuse2_only}
+extract-and-run-env;0;0;0;$scratch/test.AppImage;;;APPIMAGE_EXTRACT_AND_RUN=1
+extract-and-run-option;0;0;0;$scratch/test.AppImage;;--appimage-extract-and-run;
+blanks-extract-and-run-as-nobody;65534;0;0;$odd;Demo__1_.AppImage;--appimage-extract-and-run;
+target-appimage;0;1;0;$scratch/bare;;;TARGET_APPIMAGE=$scratch/test.AppImage
 EOF
 check "extract-as-nobody: the one line says why" grep -q "/dev/fuse.*extracting" "$scratch/run/extract-as-nobody/err"
 check "no host squashfuse was run" [ ! -e "$scratch/decoy-used" ]
 
-# Stopping: MODE USER SIGNAL WHOM [WRAPPER]; the runtime's status must be 128 + SIGNAL and nothing left.
+# A TMPDIR a shell would split is no place for the link: /tmp is, and the link goes all the same.
+fresh_tmp 65534 && mkdir "$scratch/tmp/a dir" && chown 65534 "$scratch/tmp/a dir"
+env TMPDIR="$scratch/tmp/a dir" setpriv --reuid=65534 --regid=65534 --clear-groups "$odd" --appimage-extract-and-run \
+    > "$scratch/run/odd-tmpdir.out" 2>&1
+appimage=$(sed -n 's/^appimage=//p' "$scratch/run/odd-tmpdir.out")
+check "TMPDIR with a blank: the link $appimage below /tmp" bash -c '
+    [[ $1 == /tmp/.tavelin-appimage-link-??????/Demo__1_.AppImage ]] && grep -qxF "link=$2" "$3" &&
+    grep -qx "linkdir=700 65534" "$3"' - "$appimage" "$(readlink -f "$odd")" "$scratch/run/odd-tmpdir.out"
+check "TMPDIR with a blank: the link gone after" bash -c '[ -n "$1" ] && [ ! -e "${1%/*}" ]' - "$appimage"
+
+# Stopping: MODE USER SIGNAL WHOM IMAGE [WRAPPER]; the runtime's status must be 128 + SIGNAL and nothing left.
+# IMAGE is plain, or odd for the one whose APPIMAGE is a link.
 hold=$scratch/fifo/hold
-while read -r mode user signal whom wrapper; do
+declare -A image_of=([plain]=$scratch/test.AppImage [odd]=$odd)
+while read -r mode user signal whom image wrapper; do
     [ -n "$mode" ] || continue
     fresh_tmp "$user"
     rm -f "$hold" "$hold.pid" && mkfifo -m 666 "$hold"
     # Background jobs of a script ignore SIGINT; the runtime must get it as from a terminal.
-    env --default-signal HOLD="$hold" TMPDIR="$scratch/tmp" $wrapper setpriv --reuid="$user" --regid="$user" --clear-groups "$scratch/test.AppImage" >/dev/null 2>&1 &
+    env --default-signal HOLD="$hold" TMPDIR="$scratch/tmp" $wrapper setpriv --reuid="$user" --regid="$user" --clear-groups "${image_of[$image]}" >/dev/null 2>&1 &
     pid=$!
-    check "$mode $signal $whom: AppRun started" wait_for test -s "$hold.pid"
+    check "$mode $signal $whom $image: AppRun started" wait_for test -s "$hold.pid"
     apprun=$(cat "$hold.pid")
     case $whom in
         AppRun) kill -s "$signal" "$apprun" ;;
@@ -156,32 +193,38 @@ while read -r mode user signal whom wrapper; do
         runtime+guard) kill -s "$signal" "$pid" $(guard_of "$pid") ;;
     esac
     # A runtime that kept AppRun from the signal leaves both to be killed here.
-    check "$mode $signal $whom: the runtime ends" wait_for ended "$pid" || kill -9 "$pid" "$apprun"
+    check "$mode $signal $whom $image: the runtime ends" wait_for ended "$pid" || kill -9 "$pid" "$apprun"
     wait "$pid"
-    check "$mode $signal $whom: status 128 + $signal" [ $? = $((128 + $(kill -l "$signal"))) ]
+    check "$mode $signal $whom $image: status 128 + $signal" [ $? = $((128 + $(kill -l "$signal"))) ]
     # A killed runtime cleans nothing up itself: its guard process takes the
     # mount down through the helper and removes the directory; with the guard
     # killed too, the helper's auto_unmount still takes the mount down. Seen
     # from AppRun, which still runs in the mount namespace it was made in.
     case "$signal $whom" in
-        "KILL runtime") check "$mode $signal $whom: nothing left, AppRun running" wait_for clean_tmp "$apprun" ;;
-        "KILL runtime+guard") check "$mode $signal $whom: unmounted, AppRun running" wait_for unmounted "$apprun" ;;
-        *) check "$mode $signal $whom: nothing left" clean_tmp ;;
+        "KILL runtime") check "$mode $signal $whom $image: nothing left, AppRun running" wait_for clean_tmp "$apprun" ;;
+        "KILL runtime+guard") check "$mode $signal $whom $image: unmounted, AppRun running" wait_for unmounted "$apprun" ;;
+        *) check "$mode $signal $whom $image: nothing left" clean_tmp ;;
     esac
     [[ "$signal $whom" != "KILL runtime"* ]] || kill "$apprun"
 done 2>/dev/null <<EOF
-mount 0 TERM runtime
-mount 0 INT runtime
-mount 0 HUP runtime
-mount 0 KILL AppRun
-mount-nobody 65534 TERM runtime $open_fuse
-mount-nobody 65534 KILL AppRun $open_fuse
-mount-nobody 65534 KILL runtime $open_fuse
-${fuse2_only:+mount-nobody-helper2 65534 TERM runtime $fuse2_only}
-${fuse2_only:+mount-nobody-helper2 65534 KILL runtime $fuse2_only}
-${fuse2_only:+mount-nobody-helper2 65534 KILL runtime+guard $fuse2_only}
-extract 65534 TERM runtime
-extract 65534 KILL AppRun
+mount 0 TERM runtime plain
+mount 0 INT runtime plain
+mount 0 HUP runtime plain
+mount 0 KILL AppRun plain
+mount 0 INT runtime odd
+mount-nobody 65534 TERM runtime plain $open_fuse
+mount-nobody 65534 KILL AppRun plain $open_fuse
+mount-nobody 65534 KILL runtime plain $open_fuse
+mount-nobody 65534 HUP runtime odd $open_fuse
+mount-nobody 65534 KILL AppRun odd $open_fuse
+mount-nobody 65534 KILL runtime odd $open_fuse
+${fuse2_only:+mount-nobody-helper2 65534 TERM runtime plain $fuse2_only}
+${fuse2_only:+mount-nobody-helper2 65534 KILL runtime plain $fuse2_only}
+${fuse2_only:+mount-nobody-helper2 65534 KILL runtime odd $fuse2_only}
+${fuse2_only:+mount-nobody-helper2 65534 KILL runtime+guard plain $fuse2_only}
+extract 65534 TERM runtime plain
+extract 65534 KILL AppRun plain
+extract 65534 TERM runtime odd
 EOF
 
 # --appimage-mount serves others until SIGINT.
