@@ -108,6 +108,8 @@ void DPageBaseInfo::initWidgets()
                                         "labelChange2RootTip02");
 
     labelAppIcon->setFixedSize(128, 128);
+    // Screen readers announce the field by its label; nothing shown changes.
+    labelInstallDir->setBuddy(editInstallDir);
 
     hlayoutAppIcon->addStretch(0);
     hlayoutAppIcon->addWidget(labelAppIcon);
@@ -180,6 +182,8 @@ void DPageBaseInfo::initBiz()
     labelAppIcon->setPixmap(pixmap);
 
     const TAppBaseInfo& base = appPackInfo->base;
+    // A screen reader says the package's name where a sighted user sees its icon.
+    labelAppIcon->setAccessibleName(textOr(base.nameChs, QString::fromStdString(base.nameEng)));
     labelAppNameChs->setText(QString::fromStdString(base.nameChs));
     labelAppNameEng->setText(QString::fromStdString(base.nameEng));
     labelAppVersion->setText(textOr(base.version, QStringLiteral("1.0.0")));

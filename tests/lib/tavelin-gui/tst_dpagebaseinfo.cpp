@@ -1,5 +1,6 @@
 #include "wizardsupport.h"
 
+#include <QAccessible>
 #include <QBuffer>
 #include <QImage>
 #include <QLabel>
@@ -75,6 +76,28 @@ private slots:
                                  "labelAppWebsite", "labelAppAuthor", "labelAppEmail"})
             shown << child<QLabel>(name)->text();
         QTEST(shown, "expected");
+    }
+
+    // What a screen reader announces for the icon and the location field.
+    void accessibleNames_data()
+    {
+        QTest::addColumn<QString>("base");
+        QTest::addColumn<QString>("iconName");
+        QTest::newRow("icon named by the Chinese name") << R"({"nameChs":"演示程序","nameEng":"Demo"})" << "演示程序";
+        QTest::newRow("no Chinese name: the English one") << R"({"nameEng":"Demo"})" << "Demo";
+    }
+
+    void accessibleNames()
+    {
+        QFETCH(QString, base);
+        packInfo().base.fromJsonString(base);
+        buildWizard();
+        QAccessibleInterface* icon = QAccessible::queryAccessibleInterface(child<QLabel>("labelAppIcon"));
+        QAccessibleInterface* edit = QAccessible::queryAccessibleInterface(child<QLineEdit>("editInstallDir"));
+        QVERIFY(icon && edit);
+        QTEST(icon->text(QAccessible::Name), "iconName");
+        QCOMPARE(edit->text(QAccessible::Name), QStringLiteral("安装位置"));
+        QCOMPARE(edit->role(), QAccessible::EditableText);
     }
 
     void icon_data()
