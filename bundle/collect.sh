@@ -32,10 +32,14 @@ install -m 0755 "$gui" "$bundle/usr/bin/tavelin-gui"
 printf '[Paths]\nPrefix = ..\nLibraries = lib\nPlugins = plugins\n' > "$bundle/usr/bin/qt.conf"
 
 # Plugins the wizard loads: the X11 platform (offscreen and minimal for
-# headless runs), its GL integrations, image formats and the gtk3 theme.
+# headless runs), its GL integrations, image formats and the gtk3 theme;
+# the input methods (fcitx5, fcitx, ibus, compose); Wayland with the shells
+# compositors offer, its decorations and EGL.
 for plugin in platforms/libqxcb.so platforms/libqoffscreen.so platforms/libqminimal.so \
               xcbglintegrations/libqxcb-glx-integration.so xcbglintegrations/libqxcb-egl-integration.so \
-              platformthemes/libqgtk3.so imageformats/*.so; do
+              platformthemes/libqgtk3.so imageformats/*.so platforminputcontexts/*.so \
+              platforms/libqwayland-generic.so platforms/libqwayland-egl.so wayland-shell-integration/*.so \
+              wayland-decoration-client/*.so wayland-graphics-integration-client/libqt-plugin-wayland-egl.so; do
     for file in "$qt_plugins"/$plugin; do
         [ -f "$file" ] || continue
         category=$(basename "$(dirname "$file")")
@@ -43,7 +47,11 @@ for plugin in platforms/libqxcb.so platforms/libqoffscreen.so platforms/libqmini
         install -m 0755 "$file" "$bundle/usr/plugins/$category/"
     done
 done
-[ -f "$bundle/usr/plugins/platforms/libqxcb.so" ] || die "xcb platform plugin not found in $qt_plugins"
+for wanted in platforms/libqxcb.so platforms/libqwayland-generic.so platforminputcontexts/libfcitx5platforminputcontextplugin.so \
+              platforminputcontexts/libfcitxplatforminputcontextplugin.so platforminputcontexts/libibusplatforminputcontextplugin.so \
+              platforminputcontexts/libcomposeplatforminputcontextplugin.so; do
+    [ -f "$bundle/usr/plugins/$wanted" ] || die "$wanted not found in $qt_plugins"
+done
 
 mapfile -t host < <(grep -v -E '^\s*(#|$|@)' "$host_libraries")
 on_host() {

@@ -67,16 +67,8 @@ if command -v desktop-file-validate >/dev/null; then
     desktop-file-validate "$appdir/tavelin-installer.desktop" || die "the AppDir's desktop entry is rejected"
 fi
 
-cat > "$appdir/AppRun" <<'APPRUN'
-#!/bin/sh
-# Starts the wizard on the payload beside this file; the working directory
-# is left as the caller had it.
-here=$(dirname "$(readlink -f "$0")")
-APPDIR=$here
-export APPDIR
-exec "$here/usr/bin/tavelin-gui" "$@"
-APPRUN
-chmod 0755 "$appdir/AppRun"
+# AppRun: beside this script in a checkout and in an installed toolchain.
+install -m 0755 "$here/AppRun" "$appdir/AppRun"
 # The image stores modes as found: make them the same whatever the umask.
 find "$appdir" -type d -exec chmod 0755 {} +
 find "$appdir" -type f -perm /0111 -exec chmod 0755 {} +
