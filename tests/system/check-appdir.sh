@@ -78,7 +78,7 @@ check_start() { # as start_wizard, then stops it
 # platform: the X runs get an Xvfb server, large enough for the window at 200 %.
 command -v Xvfb >/dev/null || { echo "check-appdir: Xvfb not installed (Debian package xvfb)" >&2; exit 1; }
 display=:$((90 + RANDOM % 100))
-Xvfb "$display" -nolisten tcp -screen 0 3840x2160x24 >/dev/null 2>&1 &
+Xvfb "$display" -nolisten tcp -noreset -screen 0 3840x2160x24 >/dev/null 2>&1 &
 xvfb=$!
 trap 'kill "$xvfb" ${weston:-} 2>/dev/null; rm -rf "$scratch"' EXIT
 for _ in $(seq 50); do [ -e "/tmp/.X11-unix/X${display#:}" ] && break; sleep 0.1; done
