@@ -43,19 +43,24 @@ patience=60
 
 # suite | Debian version | packages beyond minbase: what a desktop has that
 # the wizard may use, and the release's own FUSE (Debian 11's is fuse 2).
+# Chinese users type with fcitx 4 on Debian 11, fcitx5 or ibus on 13.
 distros=(
-    "bullseye|11|libgtk-3-0 libgl1 libegl1 fonts-wqy-microhei fuse"
-    "trixie|13|libgtk-3-0t64 libgl1 libegl1 fonts-wqy-microhei fuse3"
+    "bullseye|11|libgtk-3-0 libgl1 libegl1 fonts-wqy-microhei fuse dbus fcitx fcitx-pinyin"
+    "trixie|13|libgtk-3-0t64 libgl1 libegl1 fonts-wqy-microhei fuse3 dbus-daemon fcitx5 fcitx5-chinese-addons ibus ibus-libpinyin"
 )
-# suite | architecture | uid | how the payload must be reached. The runtime
-# mounts as an unprivileged user only through fusermount3, which fuse 2 does
-# not have. Emulated, one row: the floor, as root.
+# suite | architecture | uid | how the payload must be reached | the input
+# method running, through which the last part of the location is typed (in
+# pinyin: nihao, then space). Emulated, one row: the floor, as root, where
+# the input method's plugin must load.
 rows=(
-    "bullseye|amd64|0|mounted"
-    "bullseye|amd64|65534|mounted"
-    "trixie|amd64|0|mounted"
-    "trixie|amd64|65534|mounted"
-    "bullseye|arm64|0|mounted"
+    "bullseye|amd64|0|mounted|"
+    "bullseye|amd64|65534|mounted|"
+    "bullseye|amd64|65534|mounted|fcitx"
+    "trixie|amd64|0|mounted|"
+    "trixie|amd64|65534|mounted|"
+    "trixie|amd64|65534|mounted|fcitx5"
+    "trixie|amd64|65534|mounted|ibus"
+    "bullseye|arm64|0|mounted|QT_IM_MODULE=fcitx"
 )
 wanted=${TAVELIN_DISTROS:-bullseye trixie}
 
@@ -105,7 +110,7 @@ export DISPLAY
 # start it from Downloads, exec'd so that its pid is the row's.
 # shellcheck disable=SC2016 # expanded by the sh in the namespace
 inside='set -e
-root=$1 upper=$2 work=$3 m=$4 uid=$5 home=$6 fuse=$7 appimage=$8 name=$9
+root=$1 upper=$2 work=$3 m=$4 uid=$5 home=$6 fuse=$7 appimage=$8 name=$9 session=${10} im=${11}
 mount -t overlay overlay -o "lowerdir=$root,upperdir=$upper,workdir=$work" "$m"
 mount -t proc proc "$m/proc"
 mount -t sysfs sysfs "$m/sys"
@@ -121,15 +126,16 @@ ln -s /proc/self/fd "$m/dev/fd"
 mkdir -p "$m/tmp/.X11-unix" "$m$home/Downloads" "$m/run/user/$uid"
 mount --bind /tmp/.X11-unix "$m/tmp/.X11-unix"
 install -m 0755 "$appimage" "$m$home/Downloads/$name"
+install -m 0755 "$session" "$m/usr/local/bin/im-session"
 chown -R "$uid:$uid" "$m$home" "$m/run/user/$uid"
 chmod 0700 "$m/run/user/$uid"
 exec chroot --userspec="$uid:$uid" --groups="$uid" "$m" env -i --chdir="$home" HOME="$home" \
     USER="$(test "$uid" = 0 && echo root || echo nobody)" DISPLAY="$DISPLAY" LANG=C.UTF-8 \
-    PATH=/usr/local/bin:/usr/bin:/bin XDG_RUNTIME_DIR="/run/user/$uid" "$home/Downloads/$name"'
+    PATH=/usr/local/bin:/usr/bin:/bin XDG_RUNTIME_DIR="/run/user/$uid" im-session "$im" "$home/Downloads/$name"'
 
 # Runs one row; on failure says why in $why.
 row() {
-    local suite=$1 uid=$2 path=$3 dir=$4 home location entry window pid appdir mounts
+    local suite=$1 uid=$2 path=$3 dir=$4 im=$5 home location entry window pid appdir mounts typed
     if [ "$uid" = 0 ]; then
         home=/root location=/opt/tavelin-check entry=/usr/share/applications/tavelin-demo.desktop
     else
@@ -139,7 +145,7 @@ row() {
     mkdir -p "$dir/upper" "$dir/work" "$dir/merged"
     setsid unshare -m -- sh -c "$inside" - "$(readlink -f "$roots/desktop-$suite-$arch")" "$dir/upper" \
         "$dir/work" "$dir/merged" "$uid" "$home" "$fuse_dev" "$appimage" "TavelinDemo-$machine.AppImage" \
-        >"$dir/wizard.log" 2>&1 &
+        "$top/tests/system/im-session.sh" "$im" >"$dir/wizard.log" 2>&1 &
     running=$!
     for _ in $(seq $((patience * 10))); do
         window=$(xdotool search --onlyvisible --name TavelinDemo 2>/dev/null | head -n 1) && [ -n "$window" ] && break
@@ -159,13 +165,34 @@ row() {
         extracted) [[ $appdir == /tmp/.tavelin-appimage-* && -z $mounts ]] ;;
     esac || { why="the payload is at $appdir (${mounts:-not a mount}), not $path as expected"; return 1; }
 
+    # The input method's plugin, as Qt picks it for the key (fcitx5's answers to fcitx too).
+    if [ -n "$im" ]; then
+        local plugin=${im#QT_IM_MODULE=}
+        grep -q "/usr/plugins/platforminputcontexts/lib$plugin" "/proc/$pid/maps" \
+            || { why="no $plugin input-method plugin loaded"; return 1; }
+    fi
+    # Through an input method: a writable directory typed before it is on,
+    # then a Chinese name in pinyin.
+    typed=$location
+    case $im in
+        "" | QT_IM_MODULE=*) ;;
+        *) location=$(dirname "$location")/你好 typed=$(dirname "$location")/ ;;
+    esac
     # The wizard proposes /opt/tavelin-demo; another location is typed, and
     # minimising and restoring the window has it judged anew, as in e2e-demo.
     # Without a window manager a --sync could wait for ever: each step is bounded.
     timeout 10 xdotool windowactivate --sync "$window" 2>/dev/null \
         || timeout 10 xdotool windowfocus --sync "$window" 2>/dev/null || true
     timeout 10 xdotool key --window "$window" --clearmodifiers ctrl+a BackSpace
-    timeout 20 xdotool type --window "$window" --delay 20 "$location"
+    timeout 20 xdotool type --window "$window" --delay 20 "$typed"
+    if [ "$typed" != "$location" ]; then
+        touch "/proc/$pid/root/tmp/tavelin-im-on"
+        sleep 1
+        timeout 20 xdotool type --window "$window" --delay 50 nihao
+        sleep 0.5
+        timeout 10 xdotool key --window "$window" space
+        sleep 0.5
+    fi
     timeout 10 "$wmstate" "$window" iconic
     sleep 0.5
     timeout 10 "$wmstate" "$window" normal
@@ -182,19 +209,26 @@ row() {
     [ -f "$dir/upper$entry" ] || { why="no desktop entry at $entry"; return 1; }
     grep -q "^Exec=\"$location/" "$dir/upper$entry" || { why="the desktop entry $entry does not start $location"; return 1; }
     done_what="window mapped, payload $path at $appdir, installed into $location, entry at $entry"
+    [ "$typed" != "$location" ] || return 0
+    # uninstall.sh, answered y in the root, takes the tree with the Chinese name away.
+    echo y | timeout 30 chroot --userspec="$uid:$uid" "/proc/$pid/root" env -i HOME="$home" PATH=/usr/bin:/bin \
+        sh "$location/uninstall.sh" >"$dir/uninstall.log" 2>&1 || { why="uninstall.sh failed: $(cat "$dir/uninstall.log")"; return 1; }
+    [ ! -e "/proc/$pid/root$location" ] || { why="$location is still there after uninstall.sh"; return 1; }
+    done_what="$done_what through $im; uninstall.sh removed it"
 }
 
 failed=0 count=0
 for line in "${rows[@]}"; do
-    IFS='|' read -r suite row_arch uid path <<<"$line"
+    IFS='|' read -r suite row_arch uid path im <<<"$line"
     [ "$row_arch" = "$arch" ] && [ -n "${version[$suite]:-}" ] || continue
     count=$((count + 1))
     dir=$scratch/row-$count why='' done_what='' t0=$SECONDS
-    if row "$suite" "$uid" "$path" "$dir"; then
-        echo "check-distros: Debian ${version[$suite]} ($suite, $arch), uid $uid: ok in $((SECONDS - t0)) s: $done_what"
+    label="Debian ${version[$suite]} ($suite, $arch), uid $uid${im:+, $im}"
+    if row "$suite" "$uid" "$path" "$dir" "$im"; then
+        echo "check-distros: $label: ok in $((SECONDS - t0)) s: $done_what"
     else
         failed=$((failed + 1))
-        echo "check-distros: Debian ${version[$suite]} ($suite, $arch), uid $uid: FAIL: $why"
+        echo "check-distros: $label: FAIL: $why"
         sed 's/^/  wizard: /' "$dir/wizard.log" | tail -n 30
     fi
     stop "$running"
@@ -203,7 +237,7 @@ for line in "${rows[@]}"; do
     left=$(find "$dir/upper/tmp" -maxdepth 1 \( -name '.mount_tavelin*' -o -name '.tavelin-appimage-*' \) 2>/dev/null)
     if [ -n "$left" ] && [ -z "$why" ]; then
         failed=$((failed + 1))
-        echo "check-distros: Debian ${version[$suite]} ($suite, $arch), uid $uid: FAIL: the runtime left ${left#"$dir/upper"} behind"
+        echo "check-distros: $label: FAIL: the runtime left ${left#"$dir/upper"} behind"
         sed 's/^/  wizard: /' "$dir/wizard.log" | tail -n 30
     fi
 done
