@@ -5,12 +5,19 @@
 #   tests/mutants.sh            every fault
 #   tests/mutants.sh REGEX      only the faults whose names match REGEX
 #   tests/mutants.sh --list     the faults, without running anything
+#   tests/mutants.sh --check [TREE]
+#                               only that each fault still applies to TREE
+#                               (default this checkout): its file exists and
+#                               its edit changes exactly one line. No build,
+#                               seconds; tools/test.sh runs it, so a rename
+#                               that leaves a fault behind fails the suite.
 # The copy and its build live in ${TAVELIN_MUTANTS_DIR:-${TMPDIR:-/tmp}/tavelin-mutants}
 # and are kept between runs, so a second run only rebuilds what changed.
 # Some faults are caught only as root (private PID and mount namespaces,
 # unprivileged children): run it as root, as CI runs the suite.
 # Exits non-zero when a fault is missed, does not apply or does not build.
 set -uo pipefail
+caller=$PWD
 cd "$(dirname "$0")/.."
 top=$PWD
 
@@ -232,7 +239,7 @@ mutant runtime-signal-not-forwarded runtime/launch.c \
     's/kill(child, (int)info.ssi_signo);/kill(child, 0);/' \
     'check-runtime'
 mutant runtime-mount-point-left runtime/runtime.c \
-    '/^static int run(/,/^}/{/mount_close(mount);/{n;s/rmdir(dir);/(void)dir;/}}' \
+    '/^static int mount_or_extract_and_run(/,/^}/{/mount_close(mount);/{n;s/rmdir(dir);/(void)dir;/}}' \
     'check-runtime'
 mutant runtime-extract-keeps-old-entry runtime/extract.c \
     's/if (unlinkat(dir, name, 0) != 0 \&\& errno != ENOENT)/if (0)/' \
@@ -250,9 +257,44 @@ mutant runtime-killed-mount-left runtime/mount.c \
     's/mount->guard = start_guard(mount);/mount->guard = -1;/' \
     'check-runtime'
 
+# Writes SOURCE with fault I planted to TARGET and says why the fault does
+# not apply, if it does not: SOURCE must exist and the edit must change
+# exactly one line of it. The full run and --check both judge by this.
+plant() { # index source target
+    [ -f "$2" ] || { echo "no such file"; return 1; }
+    sed -e "${edits[$1]}" "$2" >"$3" || { echo "sed failed"; return 1; }
+    local changed
+    changed=$(diff "$2" "$3" | grep -c '^<')
+    [ "$changed" -eq 1 ] || { echo "$changed lines changed"; return 1; }
+}
+
+# Plants every fault in a throw-away file, never in TREE itself.
+check_faults() { # tree
+    local target i why bad=0
+    target=$(mktemp) || exit 2
+    for i in "${!names[@]}"; do
+        if ! why=$(plant "$i" "$1/${files[$i]}" "$target"); then
+            printf '%-36s %s: %s\n' "${names[$i]}" "${files[$i]}" "$why"
+            bad=$((bad + 1))
+        fi
+    done
+    rm -f "$target"
+    if [ "$bad" -ne 0 ]; then
+        echo "mutants: $bad of ${#names[@]} faults do not apply: each must change exactly one line of its file"
+        return 1
+    fi
+    echo "mutants: ${#names[@]} faults, each changes exactly one line"
+}
+
 if [ "${1:-}" = --list ]; then
     for i in "${!names[@]}"; do printf '%-36s %s\n' "${names[$i]}" "${files[$i]}"; done
     exit 0
+fi
+if [ "${1:-}" = --check ]; then
+    tree=${2:-$top}
+    [[ $tree = /* ]] || tree=$caller/$tree
+    check_faults "$tree"
+    exit
 fi
 filter=${1:-.}
 
@@ -289,11 +331,10 @@ caught=0 missed=0 broken=0
 for i in "${!names[@]}"; do
     name=${names[$i]} file=${files[$i]}
     [[ $name =~ $filter ]] || continue
-    cp "$src/$file" "$scratch/original"
-    sed -i -e "${edits[$i]}" "$src/$file"
-    changed=$(diff "$scratch/original" "$src/$file" | grep -c '^<')
-    if [ "$changed" -ne 1 ]; then
-        verdict="NOT APPLIED ($changed lines changed)"
+    rm -f "$scratch/original"
+    [ -f "$src/$file" ] && cp "$src/$file" "$scratch/original"
+    if ! why=$(plant "$i" "$scratch/original" "$src/$file"); then
+        verdict="NOT APPLIED ($why)"
         broken=$((broken + 1))
     elif ! build_copy; then
         verdict="DOES NOT BUILD (see $log/$name.build.txt)"
@@ -307,7 +348,7 @@ for i in "${!names[@]}"; do
         caught=$((caught + 1))
     fi
     # A fresh time stamp, so the next build compiles the restored file.
-    cp "$scratch/original" "$src/$file"
+    [ -f "$scratch/original" ] && cp "$scratch/original" "$src/$file"
     printf '%-36s %s\n' "$name" "$verdict"
 done
 build_copy || true

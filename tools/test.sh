@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Builds Tavelin and runs the whole test suite with ctest.
+# Builds Tavelin and runs the whole test suite with ctest; the plain build
+# also checks that every planted fault of tests/mutants.sh still applies.
 #   tools/test.sh                          plain build in build/
 #   tools/test.sh BUILD_DIR SANITIZERS     e.g. build-asan address,undefined
 #   tools/test.sh BUILD_DIR SANITIZERS RE  only the tests whose names match RE
@@ -21,3 +22,6 @@ if [ -n "$sanitize" ]; then
     export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:ignore_noninstrumented_modules=1}
 fi
 ctest --test-dir "$build" --output-on-failure -j "$jobs" ${filter:+-R "$filter"}
+# Once per CI run is enough: a fault a rename left behind fails here, not
+# only in the long mutation run.
+[ -n "$sanitize" ] || tests/mutants.sh --check
