@@ -45,7 +45,7 @@ patience=60
 # the wizard may use, and the release's own FUSE (Debian 11's is fuse 2).
 # Chinese users type with fcitx 4 on Debian 11, fcitx5 or ibus on 13.
 distros=(
-    "bullseye|11|libgtk-3-0 libgl1 libegl1 fonts-wqy-microhei fuse dbus fcitx fcitx-pinyin"
+    "bullseye|11|libgtk-3-0 libgl1 libegl1 fonts-wqy-microhei fuse dbus fcitx fcitx-pinyin fcitx-module-dbus fcitx-ui-classic"
     "trixie|13|libgtk-3-0t64 libgl1 libegl1 fonts-wqy-microhei fuse3 dbus-daemon fcitx5 fcitx5-chinese-addons ibus ibus-libpinyin"
 )
 # suite | architecture | uid | how the payload must be reached | the input
