@@ -23,7 +23,8 @@ static int read_header(int fd, Elf64_Ehdr* header)
 int64_t elf_end(int fd)
 {
     Elf64_Ehdr header;
-    if (read_header(fd, &header) != 0 || header.e_phentsize < sizeof(Elf64_Phdr))
+    /* Past g_farthest the sum below could wrap round to a plausible end. */
+    if (read_header(fd, &header) != 0 || header.e_phentsize < sizeof(Elf64_Phdr) || header.e_shoff >= g_farthest)
         return -1;
     uint64_t end = header.e_shoff + (uint64_t)header.e_shnum * header.e_shentsize;
     for (unsigned i = 0; i < header.e_phnum; ++i) {
@@ -53,7 +54,8 @@ int elf_section(int fd, const char* name, uint64_t* offset, uint64_t* size)
         || read_section_header(fd, &header, header.e_shstrndx, &names) != 0)
         return -1;
     for (unsigned i = 0; read_section_header(fd, &header, i, &section) == 0; ++i) {
-        if (section.sh_name < names.sh_size && names.sh_size - section.sh_name >= length
+        /* A names offset past g_farthest plus sh_name could wrap round onto real bytes. */
+        if (names.sh_offset < g_farthest && section.sh_name < names.sh_size && names.sh_size - section.sh_name >= length
             && read_at(fd, found, length, names.sh_offset + section.sh_name) == 0 && memcmp(found, name, length) == 0) {
             *offset = section.sh_offset;
             *size = section.sh_size;
