@@ -21,6 +21,7 @@ unsquashfs -q -n -o "$("$appimage" --appimage-offset)" -d "$scratch/AppDir" "$ap
 packaging/check-floor.sh "$scratch/AppDir" packaging/host-libraries.txt \
     "$(build/pack/tavelin-pack --payload-layout | sed -n 's/^payload=//p')"
 tests/system/check-appdir.sh "$scratch/AppDir" build/lib/tavelin-gui/tavelin-gui
+tests/system/check-atspi.sh "$appimage"
 # What ships is what is tested: the real-binary test again, on the portable wizard.
 TAVELIN_GUI_UNDER_TEST=$PWD/build/wizard-bundle/$(uname -m)/usr/bin/tavelin-gui \
     ctest --test-dir build --output-on-failure -R '^tst_main$'
