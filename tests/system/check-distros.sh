@@ -43,10 +43,11 @@ patience=60
 
 # suite | Debian version | packages beyond minbase: what a desktop has that
 # the wizard may use, and the release's own FUSE (Debian 11's is fuse 2).
-# Chinese users type with fcitx 4 on Debian 11, fcitx5 or ibus on 13.
+# Then | the input methods Chinese users type with: fcitx 4 on Debian 11,
+# fcitx5 or ibus on 13; only where a row types through them, not emulated.
 distros=(
-    "bullseye|11|libgtk-3-0 libgl1 libegl1 fonts-wqy-microhei fuse dbus fcitx fcitx-pinyin fcitx-module-dbus fcitx-ui-classic"
-    "trixie|13|libgtk-3-0t64 libgl1 libegl1 fonts-wqy-microhei fuse3 dbus-daemon fcitx5 fcitx5-chinese-addons ibus ibus-libpinyin"
+    "bullseye|11|libgtk-3-0 libgl1 libegl1 fonts-wqy-microhei fuse|dbus fcitx fcitx-pinyin fcitx-module-dbus fcitx-ui-classic"
+    "trixie|13|libgtk-3-0t64 libgl1 libegl1 fonts-wqy-microhei fuse3|dbus-daemon fcitx5 fcitx5-chinese-addons ibus ibus-libpinyin"
 )
 # suite | architecture | uid | how the payload must be reached | the input
 # method running, through which the last part of the location is typed (in
@@ -87,8 +88,9 @@ trap 'exit 130' INT TERM
 started=$SECONDS
 declare -A version
 for distro in "${distros[@]}"; do
-    IFS='|' read -r suite ver packages <<<"$distro"
+    IFS='|' read -r suite ver packages typing <<<"$distro"
     [[ " $wanted " == *" $suite "* ]] && printf '%s\n' "${rows[@]}" | grep -q "^$suite|$arch|" || continue
+    ! printf '%s\n' "${rows[@]}" | grep -q "^$suite|$arch|.*|[a-z0-9]\+$" || packages="$packages $typing"
     version[$suite]=$ver
     t0=$SECONDS
     # shellcheck disable=SC2086 # one word a package
