@@ -5,11 +5,24 @@
 #include <QFileInfo>
 #include <QImageReader>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QStandardPaths>
+#include <QUrl>
 
 namespace {
 
 const char* const g_validator = "desktop-file-validate";
+
+// As release updaters match asset names: '*' stands for any run, all else is literal.
+bool globMatches(const QString& strPattern, const QString& strName)
+{
+    QStringList parts = strPattern.split(QLatin1Char('*'));
+    for (QString& strPart : parts)
+        strPart = QRegularExpression::escape(strPart);
+    const QRegularExpression pattern(QRegularExpression::anchoredPattern(parts.join(QLatin1String(".*"))),
+                                     QRegularExpression::DotMatchesEverythingOption);
+    return pattern.match(strName).hasMatch();
+}
 
 } // namespace
 
@@ -76,4 +89,35 @@ bool DPackChecks::checkMainExe(const QString& strLocalDir, const QString& strMai
         return false;
     }
     return true;
+}
+
+bool DPackChecks::checkUpdateInformation(const QString& strUpdateInformation, const QString& strAppImageName,
+                                         bool& bZsync, QString& strError)
+{
+    const QString strZsync = strAppImageName + QLatin1String(".zsync");
+    const QStringList fields = strUpdateInformation.split(QLatin1Char('|'));
+    const QString strForm = fields.first();
+    bZsync = strForm == QLatin1String("zsync") || strForm == QLatin1String("gh-releases-zsync");
+    if (strForm == QLatin1String("zsync")) {
+        // The server's file name: the path's last segment, decoded, its query and fragment aside.
+        const QString strNamed = QUrl(strUpdateInformation.section(QLatin1Char('|'), 1)).fileName();
+        if (strNamed == strZsync)
+            return true;
+        strError = QStringLiteral("the update information names \"%1\", but the AppImage is \"%2\": its .zsync must be \"%3\"")
+                       .arg(strNamed, strAppImageName, strZsync);
+        return false;
+    }
+    if (strForm != QLatin1String("gh-releases-zsync"))
+        return true;
+    if (fields.size() != 5) {
+        strError = QStringLiteral("the update information \"%1\" is not gh-releases-zsync|user|repo|tag|pattern")
+                       .arg(strUpdateInformation);
+        return false;
+    }
+    if (globMatches(fields.last(), strZsync))
+        return true;
+    strError = QStringLiteral("the update information names \"%1\", but the AppImage is \"%2\": its .zsync \"%3\" "
+                              "must match that pattern")
+                   .arg(fields.last(), strAppImageName, strZsync);
+    return false;
 }

@@ -19,4 +19,8 @@ public:
     static QString mainExeInTree(const QString& strLocalDir, const QString& strMainExePath);
     static bool checkMainExe(const QString& strLocalDir, const QString& strMainExePath, const TPackTreeScan& scan,
                              QString& strError);
+    /// zsync|URL and gh-releases-zsync|user|repo|tag|pattern must name the AppImage's own .zsync;
+    /// bZsync tells whether the form is one of these. Other forms pass as they are.
+    static bool checkUpdateInformation(const QString& strUpdateInformation, const QString& strAppImageName, bool& bZsync,
+                                       QString& strError);
 };

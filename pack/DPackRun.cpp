@@ -1,5 +1,6 @@
 #include "DPackRun.h"
 
+#include "DPackChecks.h"
 #include "DPackTree.h"
 
 #include <QDir>
@@ -16,6 +17,8 @@ namespace {
 
 const QFileDevice::Permissions g_appImageMode = QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner
     | QFileDevice::ReadGroup | QFileDevice::ExeGroup | QFileDevice::ReadOther | QFileDevice::ExeOther;
+const QFileDevice::Permissions g_zsyncMode =
+    QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadGroup | QFileDevice::ReadOther;
 
 // A short write gives no reason; writing the rest does.
 bool writeAll(QFileDevice& file, const QByteArray& baData)
@@ -45,6 +48,7 @@ DPackRun::DPackRun(const TPackToolchain& toolchain, const ProgressSink& progress
 bool DPackRun::run(const TPackRequest& request)
 {
     strAppImage = request.appImage;
+    strZsync.clear();
     phaseCount = strAppImage.isEmpty() ? 2 : 4;
     timer.start();
     if (!checkAll(request))
@@ -83,6 +87,16 @@ bool DPackRun::checkAll(const TPackRequest& request)
     if (strAppImage.isEmpty())
         return true;
     QString strWhy;
+    bool bZsync = false;
+    if (!request.updateInformation.isEmpty()) {
+        if (!DPackChecks::checkUpdateInformation(request.updateInformation, QFileInfo(strAppImage).fileName(), bZsync,
+                                                 strWhy))
+            return refuse(strWhy);
+        if (bZsync) {
+            strZsync = strAppImage + QLatin1String(".zsync");
+            checksPassed << QStringLiteral("update information");
+        }
+    }
     if (!DPackToolchain::check(toolchain, strWhy))
         return refuse(strWhy);
     checksPassed << QStringLiteral("toolchain");
@@ -97,6 +111,9 @@ bool DPackRun::prepareAppImageDir(const QString& strPath)
     const QFileInfo fiAppImage(strPath);
     if (fiAppImage.exists() || fiAppImage.isSymLink())
         return refuse(QStringLiteral("AppImage %1 exists already: remove it or name another file").arg(strPath));
+    const QFileInfo fiZsync(strZsync);
+    if (!strZsync.isEmpty() && (fiZsync.exists() || fiZsync.isSymLink()))
+        return refuse(QStringLiteral("%1 exists already: remove it or name another AppImage").arg(strZsync));
     const QString strDir = fiAppImage.absolutePath();
     strCreatedDir = DPackTree::outermostMissing(strDir);
     if (!QDir().mkpath(strDir))
@@ -118,12 +135,24 @@ bool DPackRun::buildAppImage(const TPackRequest& request, const QString& strPayl
         arguments << QStringLiteral("--update-information") << request.updateInformation;
     if (!request.signKey.isEmpty())
         arguments << QStringLiteral("--sign-key") << request.signKey;
+    if (!strZsync.isEmpty())
+        arguments << QStringLiteral("--zsync");
+    // Built under its own file name, which the .zsync records.
     const QString strBuilt = QDir(strWorkDir).filePath(QFileInfo(strAppImage).fileName());
-    if (!runTool(toolchain.makeAppImage, arguments << toolchain.runtime << strAppDir << strBuilt)
-        || !placeAppImage(strBuilt, strAppImage))
+    if (!runTool(toolchain.makeAppImage, arguments << toolchain.runtime << strAppDir << strBuilt))
         return false;
+    if (!strZsync.isEmpty() && !placeFile(strBuilt + QLatin1String(".zsync"), strZsync, g_zsyncMode))
+        return false;
+    if (!placeFile(strBuilt, strAppImage, g_appImageMode)) {
+        // The two are uploaded together: no .zsync without its AppImage.
+        if (!strZsync.isEmpty())
+            QFile::remove(strZsync);
+        return false;
+    }
     appImageBytes = QFileInfo(strAppImage).size();
-    report(QStringLiteral("AppImage written: %1, %2").arg(strAppImage, dataSize(appImageBytes)));
+    report(QStringLiteral("AppImage written: %1, %2%3")
+               .arg(strAppImage, dataSize(appImageBytes),
+                    strZsync.isEmpty() ? QString() : QStringLiteral(", and %1 beside it").arg(strZsync)));
     return true;
 }
 
@@ -149,7 +178,7 @@ bool DPackRun::runTool(const QString& strProgram, const QStringList& arguments)
                            strOutput.isEmpty() ? QString() : QStringLiteral(":\n") + strOutput));
 }
 
-bool DPackRun::placeAppImage(const QString& strBuilt, const QString& strPath)
+bool DPackRun::placeFile(const QString& strBuilt, const QString& strPath, QFileDevice::Permissions permissions)
 {
     // Written beside its place and renamed there, so that no half a file
     // ever bears its name.
@@ -161,7 +190,7 @@ bool DPackRun::placeAppImage(const QString& strBuilt, const QString& strPath)
         const QByteArray baChunk = fileBuilt.read(1 << 20);
         bOk = !baChunk.isEmpty() && writeAll(fileTemp, baChunk);
     }
-    bOk = bOk && fileTemp.flush() && fileTemp.setPermissions(g_appImageMode);
+    bOk = bOk && fileTemp.flush() && fileTemp.setPermissions(permissions);
     fileTemp.setAutoRemove(false);
     if (bOk && fileTemp.rename(strPath))
         return true;
@@ -191,8 +220,9 @@ QString DPackRun::summary() const
     const int dirCount = packer.getDirCount();
     const QString strWritten = strAppImage.isEmpty()
         ? QStringLiteral("payload %1/soft, %2").arg(strPayloadDir, dataSize(packer.getPayloadBytes()))
-        : QStringLiteral("%1 for %2, %3, with a payload of %4")
-              .arg(strAppImage, toolchain.machine, dataSize(appImageBytes), dataSize(packer.getPayloadBytes()));
+        : QStringLiteral("%1 for %2, %3, with a payload of %4%5")
+              .arg(strAppImage, toolchain.machine, dataSize(appImageBytes), dataSize(packer.getPayloadBytes()),
+                   strZsync.isEmpty() ? QString() : QStringLiteral(", and %1").arg(strZsync));
     return QStringLiteral("done: %1; installs %2 files and %3 directories; checks passed: %4")
         .arg(strWritten, QString::number(packer.getFilesTotalCount() - dirCount), QString::number(dirCount),
              checksPassed.join(QStringLiteral(", ")));

@@ -4,14 +4,16 @@
 #include "DPacker.h"
 
 #include <QElapsedTimer>
+#include <QFileDevice>
 #include <QString>
 #include <QStringList>
 
 #include <functional>
 
 /// One run of the packer: the checks, the payload and, when an AppImage is
-/// asked for, the AppDir and the AppImage; one progress line a phase. A
-/// failure leaves nothing in the places it writes to.
+/// asked for, the AppDir and the AppImage (and its .zsync for zsync update
+/// information); one progress line a phase. A failure leaves nothing in the
+/// places it writes to.
 class DPackRun
 {
 public:
@@ -30,7 +32,7 @@ private:
     bool prepareAppImageDir(const QString& strAppImage);
     bool buildAppImage(const TPackRequest& request, const QString& strPayloadDir, const QString& strWorkDir);
     bool runTool(const QString& strProgram, const QStringList& arguments);
-    bool placeAppImage(const QString& strBuilt, const QString& strAppImage);
+    bool placeFile(const QString& strBuilt, const QString& strPath, QFileDevice::Permissions permissions);
     void report(const QString& strText);
     bool refuse(const QString& strWhy);
 
@@ -40,6 +42,8 @@ private:
     QString strError;
     QStringList checksPassed;
     QString strAppImage;
+    /// The .zsync written beside the AppImage for zsync update information; empty for none.
+    QString strZsync;
     QString strPayloadDir;
     QString strCreatedDir;
     qint64 appImageBytes = 0;

@@ -1,21 +1,24 @@
 #!/usr/bin/env bash
 # Makes one AppImage file: the runtime, then a squashfs image of the AppDir
 # beginning exactly where the runtime's ELF ends; optionally fills the
-# runtime's reserved sections with update information and a signature.
-#   packaging/make-appimage.sh [--update-information TEXT] [--sign-key KEY] RUNTIME APPDIR OUTPUT
+# runtime's reserved sections with update information and a signature, and
+# writes OUTPUT.zsync for zsync updates.
+#   packaging/make-appimage.sh [--update-information TEXT] [--sign-key KEY] [--zsync] RUNTIME APPDIR OUTPUT
 # The update information goes in first, so that the signature covers it: the
 # signature is gpg's ASCII-armoured detached signature of the 64 lowercase hex
 # characters, without a newline, of the SHA-256 of the whole file with only
 # .sha256_sig and .sig_key zero, as the AppImage tools check it; .sig_key
 # holds the armoured public key. gpg runs with the caller's GNUPGHOME.
+# --zsync: zsyncmake's OUTPUT.zsync of the finished file, naming it by its file name.
 set -euo pipefail
 die() { echo "make-appimage: $*" >&2; exit 1; }
-usage="usage: make-appimage.sh [--update-information TEXT] [--sign-key KEY] RUNTIME APPDIR OUTPUT"
-update_information= sign_key=
+usage="usage: make-appimage.sh [--update-information TEXT] [--sign-key KEY] [--zsync] RUNTIME APPDIR OUTPUT"
+update_information= sign_key= zsync=
 while [ $# -gt 0 ]; do
     case $1 in
         --update-information) [ $# -ge 2 ] || die "$usage"; update_information=$2; shift 2 ;;
         --sign-key) [ $# -ge 2 ] && [ -n "$2" ] || die "$usage"; sign_key=$2; shift 2 ;;
+        --zsync) zsync=1; shift ;;
         --*) die "unknown option $1; $usage" ;;
         *) break ;;
     esac
@@ -25,6 +28,7 @@ runtime=$1 appdir=$2 output=$3
 command -v mksquashfs >/dev/null || die "mksquashfs not found (Debian package squashfs-tools)"
 command -v readelf >/dev/null || die "readelf not found (Debian package binutils)"
 [ -z "$sign_key" ] || command -v gpg >/dev/null || die "gpg not found (Debian package gnupg)"
+[ -z "$zsync" ] || command -v zsyncmake >/dev/null || die "zsyncmake not found (Debian package zsync)"
 [ -x "$appdir/AppRun" ] || die "$appdir/AppRun is missing: make the AppDir with make-appdir.sh"
 [ "$(dd if="$runtime" bs=1 skip=8 count=3 status=none | od -An -c | tr -d ' ')" = 'AI002' ] \
     || die "$runtime carries no AppImage type 2 mark"
@@ -37,10 +41,10 @@ wizard_machine=$(machine_of "$appdir/usr/bin/tavelin-gui")
     || die "the wizard in $appdir is for $wizard_machine, the runtime $runtime for $(machine_of "$runtime")"
 
 work=$(mktemp -d)
-partial= # the output while it is being written: a failure removes it
+partial=() # the output and its .zsync while they are being written: a failure removes them
 cleanup() {
     rm -rf "$work"
-    if [ -n "$partial" ]; then rm -f "$partial"; fi
+    if [ ${#partial[@]} -gt 0 ]; then rm -f "${partial[@]}"; fi
 }
 trap cleanup EXIT
 
@@ -57,6 +61,17 @@ section() { # name
     echo "$offset $size"
 }
 declare -A place=()
+url_segment() { # text: percent-encoded but for the unreserved bytes
+    local LC_ALL=C text=$1 encoded= char i
+    for ((i = 0; i < ${#text}; i++)); do
+        char=${text:i:1}
+        case $char in
+            [A-Za-z0-9._~-]) encoded+=$char ;;
+            *) encoded+=$(printf '%%%02X' "'$char") ;;
+        esac
+    done
+    printf '%s' "$encoded"
+}
 fits() { # name file what
     local bytes=$(stat -c %s "$2") size=${place[$1]#* }
     [ "$bytes" -le "$size" ] || die "$3 takes $bytes bytes, more than the $size of $1"
@@ -92,7 +107,7 @@ epoch=${SOURCE_DATE_EPOCH:-946684800}
 env -u SOURCE_DATE_EPOCH mksquashfs "$appdir" "$work/image" -noappend -all-root -no-xattrs \
     -mkfs-time "$epoch" -all-time "$epoch" -comp zstd -Xcompression-level 19 -b 256K -quiet >/dev/null \
     || die "mksquashfs failed on $appdir"
-partial=$output
+partial=("$output")
 cat "$runtime" "$work/image" > "$output"
 chmod 0755 "$output"
 # The image must begin where the runtime's ELF ends: its section headers come
@@ -126,5 +141,14 @@ if [ -n "$sign_key" ]; then
     fill .sig_key "$work/key"
     notes+=", signed by $fingerprint"
 fi
-partial=
+if [ -n "$zsync" ]; then
+    partial+=("$output.zsync")
+    # zsyncmake's MTime is the file's: the image's epoch, so one AppImage gives one .zsync.
+    touch -d "@$epoch" "$output"
+    # A relative URL, one path segment: the client fetches the AppImage beside the .zsync.
+    LC_ALL=C zsyncmake -u "$(url_segment "$(basename "$output")")" -o "$output.zsync" "$output" \
+        >"$work/zsyncmake.log" 2>&1 || die "zsyncmake failed on $output: $(cat "$work/zsyncmake.log")"
+    notes+=", $output.zsync $(stat -c %s "$output.zsync") bytes"
+fi
+partial=()
 echo "make-appimage: $output ($(stat -c %s "$output") bytes, image at offset $offset$notes)"

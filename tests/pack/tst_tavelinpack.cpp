@@ -4,6 +4,7 @@
 #include "mainwindow.h"
 #include "testsupport.h"
 
+#include <QCryptographicHash>
 #include <QProcess>
 #include <QStandardPaths>
 #include <QTemporaryDir>
@@ -103,6 +104,14 @@ private slots:
         QTest::newRow("wizard for another machine than the runtime") << "other-wizard" << ", the runtime ";
         QTest::newRow("machine we make no AppImage for") << "machine" << R"(no AppImage for the machine "riscv64")";
         QTest::newRow("wizard asks more than the floor") << "host-wizard" << "newer than the floor's GLIBC_2.31";
+        QTest::newRow("zsync URL names another file")
+            << "zsync-other"
+            << R"(the update information names "Other.AppImage.zsync", but the AppImage is "Demo.AppImage": its .zsync must be "Demo.AppImage.zsync")";
+        QTest::newRow("release pattern misses the AppImage's .zsync")
+            << "gh-other" << R"(names "Demo-*-aarch64.AppImage.zsync", but the AppImage is "Demo.AppImage": its .zsync "Demo.AppImage.zsync" must match)";
+        QTest::newRow("release form without a pattern") << "gh-short" << "is not gh-releases-zsync|user|repo|tag|pattern";
+        QTest::newRow(".zsync there already") << "zsync-had" << "Demo.AppImage.zsync exists already";
+        QTest::newRow("zsyncmake fails half-way") << "zsyncmake" << "zsyncmake failed";
     }
 
     void refusesAndLeavesNothing()
@@ -140,6 +149,23 @@ private slots:
             request.machine = QStringLiteral("riscv64");
         else if (problem == QLatin1String("mksquashfs"))
             QVERIFY(TestSupport::writeFile(strFake, "#!/bin/sh\necho full >&2\nexit 1\n") && ::chmod(qPrintable(strFake), 0755) == 0);
+        else if (problem == QLatin1String("zsync-other"))
+            request.updateInformation = QStringLiteral("zsync|https://example.org/dl/Other.AppImage.zsync");
+        else if (problem == QLatin1String("gh-other"))
+            request.updateInformation = QStringLiteral("gh-releases-zsync|sample|demo|latest|Demo-*-aarch64.AppImage.zsync");
+        else if (problem == QLatin1String("gh-short"))
+            request.updateInformation = QStringLiteral("gh-releases-zsync|sample|demo|Demo*.AppImage.zsync");
+        else if (problem == QLatin1String("zsync-had"))
+            had << QStringLiteral("new/") << QStringLiteral("new/Demo.AppImage.zsync");
+        else if (problem == QLatin1String("zsyncmake")) {
+            // Half a .zsync written, then the failure.
+            const QString strFakeZsync = tempDir->filePath(QStringLiteral("bin/zsyncmake"));
+            QVERIFY(TestSupport::writeFile(strFakeZsync, "#!/bin/sh\nwhile [ $# -gt 1 ]; do [ \"$1\" != -o ] || echo half > \"$2\"; "
+                                                         "shift; done\necho full >&2\nexit 1\n")
+                    && ::chmod(qPrintable(strFakeZsync), 0755) == 0);
+        }
+        if (problem.startsWith(QLatin1String("zsync")) && request.updateInformation.isEmpty())
+            request.updateInformation = QStringLiteral("zsync|https://example.org/dl/Demo.AppImage.zsync");
         // A stand-in bundle whose wizard is a script passes the floor; this
         // build's own wizard, made on this newer host, does not.
         const QString strWizard = tempDir->filePath(QStringLiteral("bundle/usr/bin/tavelin-gui"));
@@ -154,7 +180,7 @@ private slots:
         QVERIFY(TestSupport::writeFile(tempDir->filePath(QStringLiteral("bundle/.tavelin-preload")), ""));
     #ifndef TAVELIN_RUNTIME_BINARY
         if (problem == QLatin1String("mksquashfs") || problem == QLatin1String("host-wizard")
-            || problem == QLatin1String("other-wizard"))
+            || problem == QLatin1String("other-wizard") || problem == QLatin1String("zsyncmake"))
             QSKIP("the AppImage runtime is not built (Debian package libsquashfuse-dev)");
     #endif
         if (problem != QLatin1String("no-tree"))
@@ -172,6 +198,62 @@ private slots:
         QCOMPARE(QFileInfo::exists(strOut), !had.isEmpty());
         if (!had.isEmpty())
             QCOMPARE(TestSupport::readFile(strOut + QLatin1Char('/') + had.last()), QByteArray("mine"));
+    }
+
+    void writesZsyncBeside_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QString>("update");
+        QTest::addColumn<QString>("url"); // the .zsync's URL header; empty: no .zsync
+        QTest::newRow("zsync URL names the AppImage's .zsync")
+            << "Demo.AppImage" << "zsync|https://example.org/dl/Demo.AppImage.zsync" << "Demo.AppImage";
+        QTest::newRow("zsync URL with a query and a fragment")
+            << "Demo.AppImage" << "zsync|https://example.org/dl/Demo.AppImage.zsync?mirror=2#latest" << "Demo.AppImage";
+        QTest::newRow("name with a blank, percent-encoded in both URLs")
+            << "Demo 2.AppImage" << "zsync|https://example.org/dl/Demo%202.AppImage.zsync" << "Demo%202.AppImage";
+        QTest::newRow("release pattern matches the AppImage's .zsync")
+            << "Demo-2.3.1-x86_64.AppImage" << "gh-releases-zsync|sample|demo|latest|Demo-*x86_64.AppImage.zsync"
+            << "Demo-2.3.1-x86_64.AppImage";
+        QTest::newRow("other form embedded as it is") << "Demo.AppImage" << "pling-v1-zsync|1234" << "";
+    }
+
+    void writesZsyncBeside()
+    {
+        QFETCH(QString, name);
+        QFETCH(QString, update);
+        QFETCH(QString, url);
+    #ifndef TAVELIN_RUNTIME_BINARY
+        QSKIP("the AppImage runtime is not built (Debian package libsquashfuse-dev)");
+    #endif
+        if (QStandardPaths::findExecutable(QStringLiteral("zsyncmake")).isEmpty())
+            QSKIP("zsyncmake is not installed (Debian package zsync)");
+        TPackRequest request = makeRequest(tempDir->path());
+        request.outputDir = tempDir->filePath(QStringLiteral("payload"));
+        request.appImage = tempDir->filePath(QStringLiteral("new/") + name);
+        request.updateInformation = update;
+        const QString strWizard = tempDir->filePath(QStringLiteral("bundle/usr/bin/tavelin-gui"));
+        QVERIFY(TestSupport::writeFile(strWizard, "#!/bin/sh\n") && ::chmod(qPrintable(strWizard), 0755) == 0);
+        QVERIFY(TestSupport::writeFile(tempDir->filePath(QStringLiteral("bundle/.tavelin-preload")), ""));
+        QVERIFY(TestSupport::makeTree(request.appTree, {"bin/demo"}));
+
+        QScopedPointer<QProcess> process(runPacker(request));
+        QVERIFY2(process->exitCode() == 0, process->readAllStandardError().constData());
+        const QString strZsync = request.appImage + QStringLiteral(".zsync");
+        const QStringList written = url.isEmpty() ? QStringList{name} : QStringList{name, name + QStringLiteral(".zsync")};
+        QCOMPARE(TestSupport::treeOf(tempDir->filePath(QStringLiteral("new"))), written);
+        if (url.isEmpty())
+            return;
+        // The .zsync describes the AppImage as placed: its name, its bytes, the pinned time stamp.
+        const QByteArray baAppImage = TestSupport::readFile(request.appImage);
+        const QByteArray baHeader = TestSupport::readFile(strZsync).split('\n').mid(0, 9).join('\n');
+        const qint64 epoch = qEnvironmentVariable("SOURCE_DATE_EPOCH", QStringLiteral("946684800")).toLongLong();
+        const QString strTime = QLocale::c().toString(QDateTime::fromSecsSinceEpoch(epoch, Qt::UTC),
+                                                      QStringLiteral("ddd, dd MMM yyyy hh:mm:ss +0000"));
+        for (const QString& strLine :
+             {QStringLiteral("Filename: ") + name, QStringLiteral("MTime: ") + strTime, QStringLiteral("URL: ") + url,
+              QStringLiteral("Length: %1").arg(baAppImage.size()),
+              QStringLiteral("SHA-1: ") + QCryptographicHash::hash(baAppImage, QCryptographicHash::Sha1).toHex()})
+            QVERIFY2(baHeader.contains('\n' + strLine.toUtf8() + '\n'), baHeader.constData());
     }
 
     void refusesBadSettings_data()
@@ -288,7 +370,10 @@ private:
                         "--publisher", request.publisher, "--website", request.website, "--author", request.author,
                         "--email", request.email, "--parent-dir", request.defaultParentDir, "--dir", request.dir,
                         "--local-dir", request.localDir, "--main-exe", request.mainExePath,
-                        "--output", request.outputDir, "--appimage", request.appImage});
+                        "--output", request.outputDir, "--appimage", request.appImage}
+                       + (request.updateInformation.isEmpty()
+                              ? QStringList()
+                              : QStringList{"--update-information", request.updateInformation}));
     }
 
     // From the temporary directory, with its bin first in PATH for stand-ins.

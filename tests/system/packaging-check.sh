@@ -35,6 +35,7 @@ for other in $(awk -v host="$(uname -m)" '/^[a-z]/ && $1 != host { print $1 }' b
     tests/system/check-runtime-arch.sh build/runtime/tavelin-runtime "build/runtime/$other/tavelin-runtime"
 done
 tests/system/e2e-toolchain.sh build
+tests/system/check-zsync.sh build
 tests/system/check-build-root.sh
 # The demo AppImages on Debian 11 and 13 as a user's desktop has them; another
 # machine's on its emulated Debian 11.
