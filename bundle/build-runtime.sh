@@ -9,7 +9,6 @@
 # root and Debian's archive.
 #   bundle/build-runtime.sh BUILD_DIR MACHINE    MACHINE is one of bundle/machines.txt
 set -euo pipefail
-die() { echo "build-runtime: $*" >&2; exit 1; }
 # shellcheck source=root.sh
 . "$(dirname "$0")/root.sh"
 [ $# -eq 2 ] || die "usage: bundle/build-runtime.sh BUILD_DIR MACHINE"
@@ -27,11 +26,11 @@ check_runtime() { # file
     local header
     [ "$(dd if="$1" bs=1 skip=8 count=3 status=none | od -An -c | tr -d ' ')" = 'AI002' ] \
         || die "$1 carries no AppImage type 2 mark"
-    header=$(readelf -hlSW "$1") || die "$1 is not an ELF file"
+    header=$(readelf -hlW "$1") || die "$1 is not an ELF file"
     grep -q "Machine: .*$(elf_machine "$machine")\$" <<<"$header" || die "$1 is not a $machine program"
     ! grep -q 'INTERP' <<<"$header" || die "$1 is not static"
     for section in .upd_info .sha256_sig .sig_key; do
-        grep -q " $section " <<<"$header" || die "$1 has no section $section"
+        elf_section "$1" "$section" >/dev/null || die "$1 has no section $section"
     done
 }
 install_runtime() { # file

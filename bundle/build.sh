@@ -12,7 +12,7 @@
 #   bundle/build.sh BUILD_DIR [MACHINE]   writes BUILD_DIR/wizard-bundle/MACHINE
 # MACHINE is one of bundle/machines.txt, by default the host's (uname -m).
 set -euo pipefail
-die() { echo "bundle: $*" >&2; exit 1; }
+tool=bundle
 # shellcheck source=root.sh
 . "$(dirname "$0")/root.sh"
 [ $# -eq 1 ] || [ $# -eq 2 ] || die "usage: bundle/build.sh BUILD_DIR [MACHINE]"
@@ -51,8 +51,7 @@ fi
 work=/tavelin
 rm -rf "$root$work/src" "$root$work/bundle"
 mkdir -p "$root$work/src"
-cp -a "$top/CMakeLists.txt" "$top/biz" "$top/lib" "$top/bundle" "$root$work/src/"
-cp -a "$top/packaging/host-libraries.txt" "$root$work/src/bundle/"
+cp -a "$top/CMakeLists.txt" "$top/biz" "$top/lib" "$top/bundle" "$top/packaging" "$root$work/src/"
 configure=(-DTAVELIN_WIZARD_ONLY=ON -DCMAKE_BUILD_TYPE=Release)
 if [ -n "$cross" ]; then
     write_toolchain "$root$work/toolchain.cmake" "$machine"
@@ -63,7 +62,7 @@ in_root "$root" sh -c "cmake -S $work/src -B $work/build ${configure[*]} >/dev/n
                && cmake --build $work/build -j $(nproc) >/dev/null" || die "tavelin-gui does not build in the $suite root ($arch)"
 echo "bundle: tavelin-gui built in the $suite root for $machine in $((SECONDS - started)) s"
 in_root "$root" "$work/src/bundle/collect.sh" "$work/build/lib/tavelin-gui/tavelin-gui" \
-    "$work/src/bundle/host-libraries.txt" "$work/bundle" $cross || die "the wizard's libraries cannot be gathered in the $suite root"
+    "$work/src/packaging/host-libraries.txt" "$work/bundle" $cross || die "the wizard's libraries cannot be gathered in the $suite root"
 "$top/packaging/check-floor.sh" "$root$work/bundle" "$top/packaging/host-libraries.txt" >/dev/null \
     || die "the bundle built in the $suite root asks the host for more than the host list grants"
 

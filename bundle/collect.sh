@@ -8,7 +8,8 @@
 # TRIPLET names the cross toolchain a wizard for another machine was built
 # with (aarch64-linux-gnu): its strip and its Qt's qmake are used.
 set -euo pipefail
-die() { echo "collect: $*" >&2; exit 1; }
+# shellcheck source=../packaging/tavelin-lib.sh
+. "$(dirname "$0")/../packaging/tavelin-lib.sh"
 [ $# -eq 3 ] || [ $# -eq 4 ] || die "usage: collect.sh TAVELIN_GUI HOST_LIBRARIES BUNDLE_DIR [TRIPLET]"
 gui=$1 host_libraries=$2 bundle=$3 cross=${4:+$4-}
 [ -x "$gui" ] || die "$gui is not an executable"
@@ -53,14 +54,7 @@ for wanted in platforms/libqxcb.so platforms/libqwayland-generic.so platforminpu
     [ -f "$bundle/usr/plugins/$wanted" ] || die "$wanted not found in $qt_plugins"
 done
 
-mapfile -t host < <(grep -v -E '^\s*(#|$|@)' "$host_libraries")
-on_host() {
-    local pattern
-    for pattern in "${host[@]}"; do
-        [[ $1 =~ ^${pattern}$ ]] && return 0
-    done
-    return 1
-}
+host_list_load "$host_libraries"
 
 # Follows DT_NEEDED from each ELF, stopping at the host's libraries, so that
 # nothing only a host library needs is carried either.
@@ -103,7 +97,7 @@ thin_icu_data() { # library
     local lib=$1 value size ndx symbol addr offset start scratch thin
     read -r value size ndx symbol < <(readelf -sW "$lib" | awk '$8 ~ /^icudt[0-9]+_dat$/ { print $2, $3, $7, $8; exit }')
     [ -n "${value:-}" ] || die "$lib holds no icudt*_dat symbol"
-    read -r addr offset < <(readelf -SW "$lib" | sed -n "s/^ *\[ *$ndx\] [^ ]* *[A-Z_]* *\([0-9a-f]*\) \([0-9a-f]*\) .*/\1 \2/p")
+    read -r addr offset < <(elf_sections "$lib" | awk -v n="$ndx" '$1 == n { print $4, $5 }')
     start=$((16#$value - 16#$addr + 16#$offset)) size=$((size))
     # icupkg takes the package's name (icudt72l) from the file's.
     scratch=$(mktemp -d)

@@ -1,6 +1,8 @@
 # Sourced by the bundle scripts: which machines we build for, running a
 # command in a build root, and cross-building there for another machine.
 bundle_top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+# shellcheck source=../packaging/tavelin-lib.sh
+. "$bundle_top/packaging/tavelin-lib.sh"
 
 # Debian's architecture for a machine as uname -m names it; empty for one we
 # make nothing for.

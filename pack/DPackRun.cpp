@@ -126,7 +126,11 @@ bool DPackRun::prepareAppImageDir(const QString& strPath)
 bool DPackRun::buildAppImage(const TPackRequest& request, const QString& strPayloadDir, const QString& strWorkDir)
 {
     const QString strAppDir = QDir(strWorkDir).filePath(QStringLiteral("AppDir"));
-    if (!runTool(toolchain.makeAppDir, {strPayloadDir, toolchain.wizardBundle, strAppDir}))
+    // The AppImage's own entry and icon are named as the manifest the packer just wrote.
+    QProcessEnvironment appNames;
+    appNames.insert(QStringLiteral("TAVELIN_APP_NAME"), request.nameEng);
+    appNames.insert(QStringLiteral("TAVELIN_APP_ICON"), QFileInfo(request.icon).fileName());
+    if (!runTool(toolchain.makeAppDir, {strPayloadDir, toolchain.wizardBundle, strAppDir}, appNames))
         return false;
     report(QStringLiteral("AppDir built with the wizard and its Qt"));
 
@@ -156,7 +160,7 @@ bool DPackRun::buildAppImage(const TPackRequest& request, const QString& strPayl
     return true;
 }
 
-bool DPackRun::runTool(const QString& strProgram, const QStringList& arguments)
+bool DPackRun::runTool(const QString& strProgram, const QStringList& arguments, const QProcessEnvironment& extra)
 {
     QProcess process;
     process.setProcessChannelMode(QProcess::MergedChannels);
@@ -165,6 +169,7 @@ bool DPackRun::runTool(const QString& strProgram, const QStringList& arguments)
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("TAVELIN_PAYLOAD_LAYOUT"), DPacker::payloadLayout());
     environment.insert(QStringLiteral("TAVELIN_HOST_LIBRARIES"), toolchain.hostLibraries);
+    environment.insert(extra);
     process.setProcessEnvironment(environment);
     process.start(strProgram, arguments);
     const bool bRan = process.waitForFinished(-1) && process.exitStatus() == QProcess::NormalExit;

@@ -5,6 +5,7 @@
 
 #include <QElapsedTimer>
 #include <QFileDevice>
+#include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
 
@@ -31,7 +32,8 @@ private:
     bool checkAll(const TPackRequest& request);
     bool prepareAppImageDir(const QString& strAppImage);
     bool buildAppImage(const TPackRequest& request, const QString& strPayloadDir, const QString& strWorkDir);
-    bool runTool(const QString& strProgram, const QStringList& arguments);
+    bool runTool(const QString& strProgram, const QStringList& arguments,
+                 const QProcessEnvironment& extra = QProcessEnvironment());
     bool placeFile(const QString& strBuilt, const QString& strPath, QFileDevice::Permissions permissions);
     void report(const QString& strText);
     bool refuse(const QString& strWhy);

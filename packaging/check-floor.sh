@@ -7,6 +7,8 @@
 #   check-floor.sh APPDIR HOST_LIBRARIES [PAYLOAD_DIR]
 # PAYLOAD_DIR is relative to APPDIR, as tavelin-pack --payload-layout names it.
 set -euo pipefail
+# shellcheck source=tavelin-lib.sh
+. "$(dirname "$0")/tavelin-lib.sh"
 [ $# -eq 2 ] || [ $# -eq 3 ] || { echo "usage: check-floor.sh APPDIR HOST_LIBRARIES [PAYLOAD_DIR]" >&2; exit 2; }
 appdir=${1%/} host_libraries=$2 payload=${3:-}
 command -v readelf >/dev/null || { echo "check-floor: readelf not found (Debian package binutils)" >&2; exit 2; }
@@ -15,19 +17,12 @@ command -v readelf >/dev/null || { echo "check-floor: readelf not found (Debian 
 skipped=()
 [ -z "$payload" ] || skipped=(-path "$appdir/${payload%/}" -prune -o)
 
-mapfile -t host < <(grep -v -E '^\s*(#|$|@)' "$host_libraries")
+host_list_load "$host_libraries"
 declare -A floor=() # version prefix (GLIBC_) -> newest version granted (2.31)
 while read -r granted; do
     floor[${granted%_*}_]=${granted##*_}
-done < <(sed -n 's/^@//p' "$host_libraries")
+done < <(host_list_floor "$host_libraries")
 
-on_host() {
-    local pattern
-    for pattern in "${host[@]}"; do
-        [[ $1 =~ ^${pattern}$ ]] && return 0
-    done
-    return 1
-}
 newer() { # version granted: whether version comes after granted
     [ "$1" != "$2" ] && [ "$(printf '%s\n%s\n' "$1" "$2" | sort -V | tail -n 1)" = "$1" ]
 }

@@ -7,10 +7,13 @@
 # PAYLOAD_DIR holds the payload as tavelin-pack writes it; APPDIR must not
 # exist. The payload's layout comes from tavelin-pack: from the environment
 # when it runs this script, else from TAVELIN_PACK, the tavelin-pack beside
-# an installed toolchain or the one on PATH.
+# an installed toolchain or the one on PATH. The package's English name and
+# its icon's file name come in TAVELIN_APP_NAME and TAVELIN_APP_ICON, which
+# tavelin-pack sets from what it packed.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
-die() { echo "make-appdir: $*" >&2; exit 1; }
+# shellcheck source=tavelin-lib.sh
+. "$here/tavelin-lib.sh"
 
 [ $# -eq 3 ] || die "usage: make-appdir.sh PAYLOAD_DIR WIZARD_BUNDLE APPDIR"
 payload=$1 bundle=$2 appdir=$3
@@ -31,13 +34,10 @@ manifest=$payload/$(layout manifest)
     || die "$bundle is no wizard bundle (usr/bin/tavelin-gui, .tavelin-preload)"
 [ ! -e "$appdir" ] || die "$appdir exists already"
 
-# tavelin-pack writes one key a line; the two names read here are unique keys.
-manifest_value() { # key
-    sed -n 's/^ *"'"$1"'": "\(.*\)",\{0,1\}$/\1/p' "$manifest" | head -n 1
-}
-name=$(manifest_value nameEng)
-app_icon=$(manifest_value appIcon)
-[ -n "$name" ] || die "the manifest names no base.nameEng"
+# The package's name and icon as tavelin-pack wrote them into the manifest.
+name=${TAVELIN_APP_NAME:-} app_icon=${TAVELIN_APP_ICON:-}
+[ -n "$name" ] && [ -n "$app_icon" ] \
+    || die "TAVELIN_APP_NAME and TAVELIN_APP_ICON are not set: tavelin-pack sets them, with the name and icon it packed"
 [ -f "$payload/$images/$app_icon" ] || die "icon $images/$app_icon missing from the payload"
 
 # The wizard and its Qt as built for the oldest distributions we start on.

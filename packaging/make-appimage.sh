@@ -11,7 +11,8 @@
 # holds the armoured public key. gpg runs with the caller's GNUPGHOME.
 # --zsync: zsyncmake's OUTPUT.zsync of the finished file, naming it by its file name.
 set -euo pipefail
-die() { echo "make-appimage: $*" >&2; exit 1; }
+# shellcheck source=tavelin-lib.sh
+. "$(dirname "$0")/tavelin-lib.sh"
 usage="usage: make-appimage.sh [--update-information TEXT] [--sign-key KEY] [--zsync] RUNTIME APPDIR OUTPUT"
 update_information= sign_key= zsync=
 while [ $# -gt 0 ]; do
@@ -52,8 +53,7 @@ trap cleanup EXIT
 # must be there and still zero.
 section() { # name
     local type offset size
-    read -r type offset size < <(readelf -S -W "$runtime" | sed 's/^ *\[ *[0-9]*\]//' \
-        | awk -v name="$1" '$1 == name { print $2, $4, $5 }') || die "$runtime has no section $1"
+    read -r type offset size < <(elf_section "$runtime" "$1") || die "$runtime has no section $1"
     [ "$type" = PROGBITS ] || die "$runtime's section $1 is $type, not PROGBITS"
     offset=$((16#$offset)) size=$((16#$size))
     [ -z "$(dd if="$runtime" bs=4096 skip="$offset" count="$size" iflag=skip_bytes,count_bytes status=none \

@@ -10,7 +10,8 @@
 # works in a directory below ${TMPDIR:-/tmp} that it removes afterwards.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-die() { echo "bench-appimage: $*" >&2; exit 1; }
+# shellcheck source=../packaging/tavelin-lib.sh
+. "$(dirname "$0")/../packaging/tavelin-lib.sh"
 [ "$(id -u)" = 0 ] || die "needs root: the mount path runs as root, the extraction path as uid 65534"
 for tool in Xvfb setpriv unsquashfs mountpoint pgrep; do
     command -v "$tool" >/dev/null || die "$tool not found (Debian packages xvfb, util-linux, squashfs-tools, procps)"

@@ -12,7 +12,8 @@
 #   tools/debian-root.sh SUITE ARCH DIR [PACKAGE...]
 # TAVELIN_DEBIAN_MIRROR overrides the archive (default deb.debian.org).
 set -euo pipefail
-die() { echo "debian-root: $*" >&2; exit 1; }
+# shellcheck source=../packaging/tavelin-lib.sh
+. "$(dirname "$0")/../packaging/tavelin-lib.sh"
 [ $# -ge 3 ] || die "usage: debian-root.sh SUITE ARCH DIR [PACKAGE...]"
 args=("$@")
 suite=$1 arch=$2 dir=${3%/}

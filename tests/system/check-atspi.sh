@@ -7,7 +7,8 @@
 #   tests/system/check-atspi.sh APPIMAGE [STARTS]
 set -euo pipefail
 usage() { echo "usage: check-atspi.sh APPIMAGE [STARTS]" >&2; exit 2; }
-die() { echo "check-atspi: $*" >&2; exit 1; }
+# shellcheck source=../../packaging/tavelin-lib.sh
+. "$(dirname "$0")/../../packaging/tavelin-lib.sh"
 skip() { echo "check-atspi: SKIP: $*" >&2; exit 77; }
 { [ $# -ge 1 ] && [ $# -le 2 ]; } || usage
 starts=${2:-5}

@@ -16,7 +16,8 @@
 # WMSTATE is the tavelin-x-wmstate program of the build. TAVELIN_DISTROS
 # names the suites to try (default: all of them).
 set -euo pipefail
-die() { echo "check-distros: $*" >&2; exit 1; }
+# shellcheck source=../../packaging/tavelin-lib.sh
+. "$(dirname "$0")/../../packaging/tavelin-lib.sh"
 [ $# -eq 3 ] || die "usage: check-distros.sh APPIMAGE WMSTATE ROOTS_DIR"
 top=$(cd "$(dirname "$0")/../.." && pwd)
 appimage=$(readlink -f "$1") wmstate=$(readlink -f "$2") roots=$3

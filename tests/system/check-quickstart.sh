@@ -4,7 +4,8 @@
 # when one fails, or when the demo's screenshot is missing or blank.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
-die() { echo "check-quickstart: $*" >&2; exit 1; }
+# shellcheck source=../../packaging/tavelin-lib.sh
+. "$(dirname "$0")/../../packaging/tavelin-lib.sh"
 # As on CI and a fresh server: no display, so the demo leaves a screenshot.
 unset DISPLAY WAYLAND_DISPLAY
 

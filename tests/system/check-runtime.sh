@@ -11,6 +11,8 @@ set -uo pipefail
 [ $# -eq 1 ] && [ "$(id -u)" = 0 ] || { echo "usage: check-runtime.sh RUNTIME (as root)" >&2; exit 2; }
 command -v mksquashfs >/dev/null || { echo "check-runtime: mksquashfs not found (squashfs-tools)" >&2; exit 2; }
 runtime=$(readlink -f "$1")
+# shellcheck source=../../packaging/tavelin-lib.sh
+. "$(dirname "$0")/../../packaging/tavelin-lib.sh"
 scratch=$(mktemp -d)
 unmount_strays() { awk -v s="$scratch/" 'index($5, s) == 1 { print $5 }' /proc/self/mountinfo | xargs -r -n1 umount -l; }
 trap 'cd /; unmount_strays; rm -rf "$scratch"' EXIT
@@ -283,12 +285,12 @@ for block in 128K 1M; do
 done
 
 # The sections the packer fills, read from the file by name.
-section() { readelf -SW "$1" | sed -n "s/^ *\[ *[0-9]*\] $2 *PROGBITS *[0-9a-f]* \([0-9a-f]*\) \([0-9a-f]*\) .*/\1 \2/p"; }
-sizes=$(for name in upd_info sha256_sig sig_key; do section "$runtime" "\.$name" | cut -d' ' -f2; done | tr '\n' ' ')
+section() { elf_section "$1" "$2" | awk '$1 == "PROGBITS" { print $2, $3 }'; }
+sizes=$(for name in upd_info sha256_sig sig_key; do section "$runtime" ".$name" | cut -d' ' -f2; done | tr '\n' ' ')
 check "sections: .upd_info, .sha256_sig, .sig_key, PROGBITS, full size" [ "$sizes" = "000400 000400 002000 " ]
 cp "$runtime" "$scratch/signed"
 for pair in "upd_info:zsync|https://example.invalid/x.zsync" "sha256_sig:-----BEGIN PGP SIGNATURE-----"; do
-    read -r offset _ < <(section "$scratch/signed" "\.${pair%%:*}")
+    read -r offset _ < <(section "$scratch/signed" ".${pair%%:*}")
     printf %s "${pair#*:}" | dd of="$scratch/signed" bs=1 seek=$((16#$offset)) conv=notrunc status=none
 done
 make_appimage "$scratch/signed" "$app" "$scratch/signed.AppImage"
