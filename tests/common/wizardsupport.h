@@ -27,6 +27,7 @@ public:
     void setCounter(int value) { copyFilesCounter = value; }
     int counter() const { return copyFilesCounter; }
     bool timerActive() const { return timerRefresh.isActive(); }
+    const QTimer& tick() const { return timerRefresh; }
     void startTick() { timerRefresh.start(500); }
     QPushButton* createButton() const { return btnCreate; }
     QPushButton* cancelButton() const { return btnCancel; }

@@ -4,10 +4,13 @@
 #include <QBuffer>
 #include <QImage>
 #include <QLabel>
+#include <QLayout>
 #include <QLineEdit>
+#include <QPushButton>
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <functional>
 #include <memory>
 
 namespace {
@@ -166,6 +169,46 @@ private slots:
         packInfo().base.nameChs = "演示";
         buildWizard();
         QTEST(child<QLineEdit>("editInstallDir")->text(), "expected");
+    }
+
+    // What the page shows whatever the manifest holds.
+    void fixedLook()
+    {
+        buildWizard();
+        QCOMPARE(child<QPushButton>("btnSelInstallDir")->text(), QStringLiteral("选择其他位置..."));
+        QCOMPARE(child<QLabel>("labelChange2RootTip01")->text(), QStringLiteral("选择的“安装位置”当前用户不可写，点击"));
+        QCOMPARE(child<QPushButton>("btnChange2Root")->text(), QStringLiteral("切换为root用户"));
+        QCOMPARE(child<QLabel>("labelChange2RootTip02")->text(), QStringLiteral("，可进行root用户切换。"));
+        // The tip is red around a button of the usual colour.
+        for (QWidget* widget : {static_cast<QWidget*>(child<QLabel>("labelChange2RootTip01")),
+                                static_cast<QWidget*>(child<QLabel>("labelChange2RootTip02")),
+                                static_cast<QWidget*>(child<QPushButton>("btnChange2Root"))}) {
+            widget->ensurePolished();
+            QCOMPARE(widget->palette().color(QPalette::WindowText) == QColor(Qt::red), qobject_cast<QLabel*>(widget) != nullptr);
+        }
+
+        // Every fixed gap, in layout order: beside the version, website and e-mail, then above and below the progress row.
+        QStringList gaps;
+        std::function<void(QLayout*)> walk = [&](QLayout* layout) {
+            for (int i = 0; i < layout->count(); ++i) {
+                QLayoutItem* item = layout->itemAt(i);
+                if (item->layout())
+                    walk(item->layout());
+                else if (item->spacerItem() && !item->sizeHint().isNull())
+                    gaps << QStringLiteral("%1x%2").arg(item->sizeHint().width()).arg(item->sizeHint().height());
+            }
+        };
+        walk(wizard->findChild<DPageBaseInfo*>()->layout());
+        QCOMPARE(gaps, QStringList({"20x0", "20x0", "20x0", "0x20", "0x20"}));
+
+        // The compiled-in images as their PNG headers give them: width, height, 8 bits, RGBA.
+        for (const auto& image : {std::make_pair(":/tavelin/images/installer_system_icon.png", 32),
+                                  std::make_pair(":/tavelin/images/none_app_icon.png", 512)}) {
+            QFile file(QLatin1String(image.first));
+            QVERIFY(file.open(QIODevice::ReadOnly));
+            const char side[] = {0, 0, char(image.second >> 8), char(image.second & 0xff)};
+            QCOMPARE(file.read(26).mid(16), QByteArray(side, 4) + QByteArray(side, 4) + QByteArray("\x08\x06", 2));
+        }
     }
 
 private:

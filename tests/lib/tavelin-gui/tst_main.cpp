@@ -4,7 +4,8 @@
 
 // The real tavelin-gui under Xvfb, each row in a private PID namespace: the
 // sentinel there is pid 2 and leads process group 2, so a wrong kill of -1 or
-// -2 would reach it and nothing outside. TAVELIN_GUI_UNDER_TEST names another
+// -2 would reach it and nothing outside; it ignores every signal that can be
+// ignored, so only SIGKILL ends it. TAVELIN_GUI_UNDER_TEST names another
 // build of it, such as the portable one the AppImage carries.
 class tst_Main : public QObject
 {
@@ -37,7 +38,7 @@ private slots:
             QSKIP("a private PID namespace needs root here");
 
         static const char script[] = R"SH(
-    setsid sleep 600 & s=$!
+    (trap '' TERM INT HUP QUIT; exec setsid sleep 600) & s=$!
     case "$1" in
       UNSET) env -u FORKPID "$2" & ;;
       SENTINEL) FORKPID=$s "$2" & ;;
@@ -48,6 +49,9 @@ private slots:
     until grep -q 'plugins/platforms/' /proc/$w/maps 2>/dev/null; do
       i=$((i+1)); [ $i -gt 200 ] && { echo "WIZARD=not-started"; break; }; sleep 0.1
     done
+    win=$(timeout 20 xdotool search --sync --onlyvisible --pid $w 2>/dev/null | head -n 1)
+    command -v xprop >/dev/null || echo "ICON=no-xprop"
+    echo "ICON=$(xprop -id "$win" _NET_WM_ICON 2>/dev/null | grep -o 'Icon ([0-9]* x [0-9]*)' | tr '\n' ' ')"
     state=$(sed 's/.*) //' /proc/$s/stat | cut -c1)
     [ "$state" = Z ] || [ -z "$state" ] && echo "SENTINEL=dead" || echo "SENTINEL=alive"
     kill -9 $w $s 2>/dev/null
@@ -68,6 +72,10 @@ private slots:
             QSKIP(qPrintable("no private PID namespace: " + QString::fromLocal8Bit(output)));
         QVERIFY2(!output.contains("WIZARD=not-started"), output.constData());
         QVERIFY2(output.contains(sentinelDies ? "SENTINEL=dead" : "SENTINEL=alive"), output.constData());
+        // The window's icon is the compiled-in one, in its one size.
+        if (output.contains("ICON=no-xprop"))
+            QSKIP("xprop is not installed (Debian package x11-utils)");
+        QVERIFY2(output.contains("ICON=Icon (32 x 32) \n"), output.constData());
     }
 
 private:

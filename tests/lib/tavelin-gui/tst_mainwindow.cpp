@@ -33,7 +33,7 @@ private slots:
         w.show();
         QVERIFY(QTest::qWaitForWindowExposed(&w));
         w.resize(400, 300);
-        QVERIFY(w.width() >= 800 && w.height() >= 720);
+        QCOMPARE(w.size(), QSize(800, 720));
         QCOMPARE(w.pageIds(), QList<int>{0});
         QCOMPARE(w.button(QWizard::FinishButton)->objectName(), QStringLiteral("btnCreate"));
         QCOMPARE(w.button(QWizard::CancelButton)->objectName(), QStringLiteral("btnCancel"));
