@@ -1,165 +1,91 @@
-/* The read-ahead's block slots: how many a block size gets, where their
- * buffers lie, and which slot a claim takes as blocks are filled, pinned,
- * used and let go. */
+/* The read-ahead's block slots: how many, where their buffers lie, which a claim takes as blocks come and go. */
 #include "blockcache.h"
 
 #include "harness.h"
 
 /* The slots a block size gets: as many as fit in SLOT_BYTES, within bounds. */
-static const struct size_row {
-    const char* name;
-    size_t block_size;
-    int slots;
-} g_sizes[] = {
-    {"4 KiB blocks: the most slots", 4096, MOST_SLOTS},
-    {"128 KiB blocks, squashfs' default: the most slots", 128 << 10, MOST_SLOTS},
-    {"256 KiB blocks fill SLOT_BYTES exactly", 256 << 10, 16},
-    {"512 KiB blocks", 512 << 10, 8},
-    {"1 MiB blocks, squashfs' largest: the least slots", 1 << 20, LEAST_SLOTS},
-    {"3 MiB blocks: still the least slots", 3 << 20, LEAST_SLOTS},
+static const struct size_row { const char* name; size_t block_size; int slots; } g_sizes[] = {
+    {"4 KiB blocks: the most slots", 4 << 10, MOST_SLOTS},
+    {"512 KiB blocks: as many as fit", 512 << 10, 8},
+    {"3 MiB blocks: the least slots", 3 << 20, LEAST_SLOTS},
 };
 
 static void run_size(const struct size_row* row)
 {
     struct blockcache cache = {0};
     CHECK(blockcache_init(&cache, row->block_size) == 0);
-    int slots = cache.slot_count;
-    /* Every buffer a block long and apart from the others: each keeps its own mark. */
+    /* Every buffer a block long inside the arena and apart from the others: each keeps its own mark. */
     char* buffers[MOST_SLOTS + 2] = {cache.input, cache.spare};
-    int count = 2;
+    int count = 2, inside = 1, kept = 1, slots = cache.slot_count;
     for (int i = 0; i < slots && i < MOST_SLOTS; ++i)
         buffers[count++] = cache.slots[i].data;
-    int inside = 1;
-    for (int i = 0; i < count; ++i) {
-        inside &= buffers[i] >= cache.arena && buffers[i] + row->block_size <= cache.arena + cache.arena_size;
-        if (inside)
+    for (int i = 0; inside && i < count; ++i)
+        if ((inside = buffers[i] >= cache.arena && buffers[i] + row->block_size <= cache.arena + cache.arena_size))
             memset(buffers[i], 'a' + i, row->block_size);
-    }
-    int kept = inside;
-    for (int i = 0; kept && i < count; ++i)
-        kept = buffers[i][0] == 'a' + i && buffers[i][row->block_size - 1] == 'a' + i;
+    for (int i = 0; inside && i < count; ++i)
+        kept &= buffers[i][0] == 'a' + i && buffers[i][row->block_size - 1] == 'a' + i;
     blockcache_release(&cache);
-    CHECK(slots == row->slots);
-    CHECK(inside);
-    CHECK(kept);
+    CHECK(slots == row->slots && inside && kept);
 }
 
-/* One step on a cache of four slots (1 MiB blocks). FILL, UNPIN and USE act
- * on the slot blockcache_find gives for the block. */
+/* Steps on a cache of four slots (1 MiB blocks); all but CLAIM act on the slot blockcache_find gives. */
 enum op { END, CLAIM, FILL, FAIL, UNPIN, USE, FIND };
-enum { NONE, BUSY, READY }; /* what FIND expects */
-struct step {
-    enum op op;
-    fuse_ino_t ino;
-    uint64_t block;
-    int expect; /* CLAIM: 1 for a slot, 0 for NULL; FIND: NONE, BUSY or READY */
-};
+enum { NONE = -1, BUSY = SLOT_BUSY, READY = SLOT_READY }; /* what FIND expects */
 #define CLAIMED(ino, block) {CLAIM, ino, block, 1}
 #define REFUSED(ino, block) {CLAIM, ino, block, 0}
-#define FILLED(ino, block) {FILL, ino, block, 0}
-#define FAILED(ino, block) {FAIL, ino, block, 0}
-#define UNPINNED(ino, block) {UNPIN, ino, block, 0}
-#define USED(ino, block) {USE, ino, block, 0}
+#define FILLED(ino, block) {FILL, ino, block}
+#define FAILED(ino, block) {FAIL, ino, block}
+#define UNPINNED(ino, block) {UNPIN, ino, block}
+#define USED(ino, block) {USE, ino, block}
 #define FOUND(ino, block, state) {FIND, ino, block, state}
-/* Blocks 0 to 3 of the file claimed, filled and let go, in that order. */
-#define READY4(ino)                                                                                                  \
-    CLAIMED(ino, 0), FILLED(ino, 0), UNPINNED(ino, 0), CLAIMED(ino, 1), FILLED(ino, 1), UNPINNED(ino, 1),         \
-        CLAIMED(ino, 2), FILLED(ino, 2), UNPINNED(ino, 2), CLAIMED(ino, 3), FILLED(ino, 3), UNPINNED(ino, 3)
+#define READIED(ino, block) CLAIMED(ino, block), FILLED(ino, block), UNPINNED(ino, block)
 
+/* expect: for CLAIM 1 for a slot, 0 for NULL; for FIND NONE, BUSY or READY. */
 static const struct steps_row {
     const char* name;
-    struct step steps[32];
+    struct step { enum op op; fuse_ino_t ino; uint64_t block; int expect; } steps[24];
 } g_steps[] = {
-    {"claims take every slot, then none",
-     {CLAIMED(1, 0), CLAIMED(1, 1), CLAIMED(1, 2), CLAIMED(1, 3), REFUSED(1, 4), FOUND(1, 4, NONE)}},
-    {"a claimed block is busy, then ready when filled",
-     {CLAIMED(1, 7), FOUND(1, 7, BUSY), FILLED(1, 7), FOUND(1, 7, READY)}},
-    {"filled blocks stay pinned until let go",
-     {CLAIMED(1, 0), FILLED(1, 0), CLAIMED(1, 1), FILLED(1, 1), CLAIMED(1, 2), FILLED(1, 2), CLAIMED(1, 3),
-      FILLED(1, 3), REFUSED(1, 9), UNPINNED(1, 2), CLAIMED(1, 9), FOUND(1, 2, NONE), FOUND(1, 9, BUSY),
-      FOUND(1, 0, READY)}},
-    {"the block longest unused goes first",
-     {READY4(1), CLAIMED(2, 0), FOUND(1, 0, NONE), FOUND(1, 1, READY), CLAIMED(2, 1), FOUND(1, 1, NONE),
-      FOUND(1, 2, READY), FOUND(1, 3, READY), FOUND(2, 0, BUSY)}},
-    {"a use makes a block the newest",
-     {READY4(1), USED(1, 0), UNPINNED(1, 0), USED(1, 1), UNPINNED(1, 1), CLAIMED(2, 0), FOUND(1, 2, NONE),
-      CLAIMED(2, 1), FOUND(1, 3, NONE), CLAIMED(2, 2), FOUND(1, 0, NONE), FOUND(1, 1, READY)}},
-    {"a block being read is kept though oldest",
-     {CLAIMED(1, 0), FILLED(1, 0), CLAIMED(1, 1), FILLED(1, 1), UNPINNED(1, 1), CLAIMED(1, 2), FILLED(1, 2),
-      UNPINNED(1, 2), CLAIMED(1, 3), FILLED(1, 3), UNPINNED(1, 3), CLAIMED(2, 0), FOUND(1, 0, READY),
-      FOUND(1, 1, NONE)}},
-    {"a use pins: a used block outlives older ones",
-     {READY4(1), USED(1, 3), CLAIMED(2, 0), CLAIMED(2, 1), CLAIMED(2, 2), REFUSED(2, 3),
-      FOUND(1, 3, READY)}},
-    {"two readers pin twice: one letting go keeps it",
-     {READY4(1), USED(1, 0), USED(1, 0), UNPINNED(1, 0), CLAIMED(2, 0), CLAIMED(2, 1), CLAIMED(2, 2),
-      REFUSED(2, 3), FOUND(1, 0, READY)}},
+    {"a claimed block is busy, then ready; found by file and number; busy slots never taken",
+     {CLAIMED(1, 5), FOUND(1, 5, BUSY), FILLED(1, 5), FOUND(1, 5, READY), UNPINNED(1, 5), FOUND(2, 5, NONE),
+      FOUND(1, 6, NONE), CLAIMED(1, 0), CLAIMED(1, 1), CLAIMED(1, 2), CLAIMED(1, 3), REFUSED(1, 4),
+      FOUND(1, 5, NONE), FOUND(1, 0, BUSY)}},
+    {"the filler's pin and each reader's keep a block until all let go",
+     {CLAIMED(1, 0), FILLED(1, 0), USED(1, 0), READIED(1, 1), READIED(1, 2), READIED(1, 3), UNPINNED(1, 0),
+      CLAIMED(2, 0), CLAIMED(2, 1), CLAIMED(2, 2), REFUSED(2, 3), FOUND(1, 0, READY), UNPINNED(1, 0),
+      CLAIMED(2, 3), FOUND(1, 0, NONE)}},
+    {"the block longest unused goes first; a use makes it the newest",
+     {READIED(1, 0), READIED(1, 1), READIED(1, 2), READIED(1, 3), USED(1, 0), UNPINNED(1, 0), CLAIMED(2, 0),
+      FOUND(1, 1, NONE), FOUND(1, 0, READY), CLAIMED(2, 1), FOUND(1, 2, NONE), FOUND(1, 3, READY)}},
     {"a failed block is gone and its slot free again",
-     {CLAIMED(1, 0), FAILED(1, 0), FOUND(1, 0, NONE), CLAIMED(1, 1), CLAIMED(1, 2), CLAIMED(1, 3),
-      CLAIMED(1, 4), REFUSED(1, 5)}},
-    {"a busy slot is never taken",
-     {CLAIMED(1, 0), CLAIMED(1, 1), FILLED(1, 1), UNPINNED(1, 1), CLAIMED(1, 2), FILLED(1, 2), UNPINNED(1, 2),
-      CLAIMED(1, 3), FILLED(1, 3), UNPINNED(1, 3), CLAIMED(2, 0), CLAIMED(2, 1), CLAIMED(2, 2),
-      REFUSED(2, 3), FOUND(1, 0, BUSY)}},
-    {"a block is told apart by file and number",
-     {CLAIMED(1, 5), FILLED(1, 5), FOUND(2, 5, NONE), FOUND(1, 6, NONE), FOUND(1, 5, READY)}},
-    {"the filler's pin and a reader's add up",
-     {CLAIMED(1, 0), FILLED(1, 0), CLAIMED(1, 1), FILLED(1, 1), CLAIMED(1, 2), FILLED(1, 2), CLAIMED(1, 3),
-      FILLED(1, 3), USED(1, 0), UNPINNED(1, 0), REFUSED(2, 0), UNPINNED(1, 0), CLAIMED(2, 0),
-      FOUND(1, 0, NONE)}},
+     {CLAIMED(1, 0), FAILED(1, 0), FOUND(1, 0, NONE), CLAIMED(1, 1), CLAIMED(1, 2), CLAIMED(1, 3), CLAIMED(1, 4),
+      REFUSED(1, 5)}},
 };
 
 static void run_steps(const struct steps_row* row)
 {
     struct blockcache cache = {0};
     CHECK(blockcache_init(&cache, 1 << 20) == 0 && cache.slot_count == 4);
-    int failed = -1;
-    for (int n = 0; failed < 0 && n < 32 && row->steps[n].op != END; ++n) {
-        const struct step* step = &row->steps[n];
-        struct slot* slot = blockcache_find(&cache, step->ino, step->block);
+    int n = 0, ok = 1;
+    for (const struct step* step = row->steps; ok && n < 24 && step->op != END; ++step, ++n) {
+        struct slot* slot = step->op == CLAIM ? blockcache_claim(&cache, step->ino, step->block)
+                                              : blockcache_find(&cache, step->ino, step->block);
         switch (step->op) {
-        case CLAIM:
-            slot = blockcache_claim(&cache, step->ino, step->block);
-            /* A claimed slot holds the block, busy, and nobody reads it yet. */
-            if ((slot != NULL) != step->expect
-                || (slot && (slot->state != SLOT_BUSY || slot->ino != step->ino || slot->block != step->block
-                             || slot->pins != 0 || blockcache_find(&cache, step->ino, step->block) != slot)))
-                failed = n;
+        case CLAIM: /* a claimed slot holds the block, busy, and nobody reads it yet */
+            ok = slot ? step->expect && slot->state == SLOT_BUSY && slot->pins == 0
+                            && blockcache_find(&cache, step->ino, step->block) == slot
+                      : !step->expect;
             break;
-        case FILL:
-        case FAIL:
-            if (!slot || slot->state != SLOT_BUSY)
-                failed = n;
-            else
-                blockcache_fill(slot, step->op == FAIL, 1000);
-            /* A good block is pinned for its decompressor; a failed one is free and unpinned. */
-            if (slot && !(step->op == FILL ? slot->state == SLOT_READY && slot->size == 1000 && slot->pins == 1
-                                           : slot->state == SLOT_FREE && slot->pins == 0))
-                failed = n;
-            break;
-        case UNPIN:
-            if (!slot || slot->pins <= 0)
-                failed = n;
-            else
-                slot->pins--;
-            break;
-        case USE:
-            if (!slot || slot->state != SLOT_READY)
-                failed = n;
-            else
-                blockcache_use(&cache, slot);
-            break;
-        case FIND:
-            if ((step->expect == NONE) != (slot == NULL) || (step->expect == BUSY && slot->state != SLOT_BUSY)
-                || (step->expect == READY && slot->state != SLOT_READY))
-                failed = n;
-            break;
-        case END:
-            break;
+        case FIND: ok = (slot ? (int)slot->state : NONE) == step->expect; break;
+        case UNPIN: ok = slot && slot->pins-- > 0; break;
+        case USE: ok = slot && slot->state == SLOT_READY && (blockcache_use(&cache, slot), 1); break;
+        default: /* a good block is pinned for its decompressor; a failed one is free and unpinned */
+            ok = slot && slot->state == SLOT_BUSY && (blockcache_fill(slot, step->op == FAIL, 1000), 1)
+                 && (step->op == FAIL ? slot->state == SLOT_FREE && slot->pins == 0
+                                      : slot->state == SLOT_READY && slot->size == 1000 && slot->pins == 1);
         }
     }
     blockcache_release(&cache);
-    CHECK_STEP(failed < 0, failed);
+    CHECK_STEP(ok, n - 1);
 }
 
 int main(void)
