@@ -21,6 +21,13 @@ QByteArray sectionText(QFile& file, quint64 offset, quint64 size)
     return baBytes.left(baBytes.indexOf('\0') < 0 ? baBytes.size() : baBytes.indexOf('\0'));
 }
 
+/// Whether [offset, offset + size) lies in the file; a damaged header's
+/// sum may wrap round, so it is never added.
+bool inFile(quint64 offset, quint64 size, quint64 fileSize)
+{
+    return size <= fileSize && offset <= fileSize - size;
+}
+
 bool isAppImageType2(QFile& file)
 {
     return file.seek(8) && file.read(3) == QByteArray("AI\x02", 3);
@@ -57,7 +64,7 @@ bool DPackVerify::readSections(const QString& strFile)
     uint64_t offset[2] = {}, size[2] = {};
     if (!isAppImageType2(file) || elf_section(fd, ".sha256_sig", &offset[0], &size[0]) != 0
         || elf_section(fd, ".sig_key", &offset[1], &size[1]) != 0
-        || offset[0] + size[0] > quint64(file.size()) || offset[1] + size[1] > quint64(file.size()))
+        || !inFile(offset[0], size[0], quint64(file.size())) || !inFile(offset[1], size[1], quint64(file.size())))
         return refuse(QStringLiteral("%1 is not an AppImage with room for a signature").arg(strFile));
     sigOffset = offset[0], sigSize = size[0], keyOffset = offset[1], keySize = size[1];
     baSignature = sectionText(file, sigOffset, sigSize);

@@ -102,6 +102,13 @@ read -r upd_offset _ <<<"$(section .upd_info)"
 flip "$signed" "$scratch/payload-changed.AppImage" $((($(stat -c %s "$signed") + $(stat -c %s "$runtime")) / 2))
 flip "$signed" "$scratch/update-changed.AppImage" $((upd_offset + 3))
 printf 'not an AppImage\n' > "$scratch/text"
+# A damaged header: .sha256_sig's size such that offset + size wraps round to 1.
+read -r sig_offset _ <<<"$(section .sha256_sig)"
+sig_index=$(objdump -h "$runtime" | awk '$2 == ".sha256_sig" { print $1 + 1 }')
+header_at=$(($(od -An -tu8 -j 40 -N 8 "$runtime" | tr -d ' ') + sig_index * 64 + 32))
+cp "$signed" "$scratch/size-wraps.AppImage"
+for i in 0 1 2 3 4 5 6 7; do printf "\\$(printf %03o $(((1 - sig_offset) >> (8 * i) & 255)))"; done \
+    | dd of="$scratch/size-wraps.AppImage" bs=1 seek="$header_at" conv=notrunc status=none
 
 # file | what gpg says (good, bad, -: not signed) | what --verify exits with and prints
 rows=(
@@ -110,6 +117,7 @@ rows=(
     "update-changed.AppImage|bad|1|bad signature"
     "unsigned.AppImage|-|1|not signed"
     "text|-|1|not an AppImage"
+    "size-wraps.AppImage|-|1|not an AppImage with room for a signature"
 )
 for row in "${rows[@]}"; do
     IFS='|' read -r file gpg_says exits prints <<<"$row"
@@ -134,4 +142,4 @@ done
 echo "check-signature: update information read back ($runtime_says); signed = unsigned outside the sections;" \
      "the unsigned file's three sections are zero; gpg with the embedded key alone and tavelin-pack --verify" \
      "accept the signature by $fingerprint, refuse it after one byte of the payload or of .upd_info changed," \
-     "and refuse an unsigned file and a text file"
+     "and refuse an unsigned file, a text file and a section past the end"
