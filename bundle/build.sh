@@ -25,23 +25,18 @@ build=$(cd "$1" && pwd)
 suite=bullseye
 bundle=$build/wizard-bundle/$machine
 
-# The plugins the wizard carries beyond qtbase's: the desktop's look, the
-# input methods Chinese users type with (Qt's own ibus and compose plugins
-# come with qtbase), and Wayland.
-plugin_packages=(qt5-gtk-platformtheme fcitx5-frontend-qt5 fcitx-frontend-qt5 qtwayland5)
 # What building and gathering the wizard takes in the root.
 cross= root_arch=$arch
 if [ "$machine" = "$(uname -m)" ]; then
     root=$build/debian/$suite-$arch
-    packages=(g++ make cmake qtbase5-dev qtbase5-dev-tools patchelf binutils icu-devtools)
-    packages+=("${plugin_packages[@]}")
+    packages=("${host_root_packages[@]}")
 else
     cross=$(cross_triplet "$machine")
     root_arch=$(dpkg --print-architecture)
     root=$build/debian/$suite-$root_arch-cross-$arch
     packages=("$(cross_package g++ "$machine")" "$(cross_package binutils "$machine")" make cmake
               "qtbase5-dev:$arch" qtbase5-dev-tools patchelf binutils icu-devtools)
-    packages+=("${plugin_packages[@]/%/:$arch}")
+    packages+=("${wizard_plugin_packages[@]/%/:$arch}")
 fi
 "$top/tools/debian-root.sh" "$suite" "$root_arch" "$root" "${packages[@]}" \
     || die "no $suite root to build the wizard in; the wizard bundle is not made"

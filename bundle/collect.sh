@@ -14,8 +14,8 @@ set -euo pipefail
 gui=$1 host_libraries=$2 bundle=$3 cross=${4:+$4-}
 [ -x "$gui" ] || die "$gui is not an executable"
 [ ! -e "$bundle" ] || die "$bundle exists already"
-for tool in patchelf readelf "${cross}strip"; do
-    command -v "$tool" >/dev/null || die "$tool not found (Debian packages patchelf, binutils${cross:+, binutils-${cross%-}})"
+for needed in patchelf readelf "${cross}strip"; do
+    command -v "$needed" >/dev/null || die "$needed not found (Debian packages patchelf, binutils${cross:+, binutils-${cross%-}})"
 done
 qmake=$(command -v "${cross}qmake" || command -v qmake-qt5 || echo /usr/lib/qt5/bin/qmake)
 [ -x "$qmake" ] || die "${cross}qmake not found (Debian package qtbase5-dev-tools)"
@@ -56,28 +56,9 @@ done
 
 host_list_load "$host_libraries"
 
-# Follows DT_NEEDED from each ELF, stopping at the host's libraries, so that
-# nothing only a host library needs is carried either.
-declare -A seen=()
-bundle_needs() { # elf
-    local elf=$1 soname path
-    declare -A where=()
-    while read -r soname _ path _; do
-        [ -n "$path" ] && where[$soname]=$path
-    done < <(loaded "$elf" | grep '=> /')
-    for soname in $(readelf -d "$elf" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p'); do
-        [ -n "${seen[$soname]:-}" ] && continue
-        seen[$soname]=1
-        on_host "$soname" && continue
-        path=${where[$soname]:-}
-        [ -n "$path" ] || die "$elf needs $soname, which is not found"
-        install -m 0644 "$(readlink -f "$path")" "$bundle/usr/lib/$soname"
-        bundle_needs "$bundle/usr/lib/$soname"
-    done
-}
-bundle_needs "$bundle/usr/bin/tavelin-gui"
-for plugin in "$bundle"/usr/plugins/*/*.so; do
-    bundle_needs "$plugin"
+declare -A gathered=()
+for elf in "$bundle/usr/bin/tavelin-gui" "$bundle"/usr/plugins/*/*.so; do
+    gather_needed "$loader" "$bundle/usr/lib" "$elf"
 done
 
 # Symbols and debug information are dead weight in an installer; the dynamic

@@ -13,6 +13,13 @@ debian_arch() { # machine
 elf_machine() { # machine
     awk -v machine="$1" '$1 == machine { print $3 }' "$bundle_top/bundle/machines.txt"
 }
+# The host's Debian 11 root: the wizard is built and gathered there, with the
+# plugins it carries beyond qtbase's (the desktop's look, the input methods
+# Chinese users type with besides qtbase's ibus and compose, Wayland), and the squasher is taken from it. One
+# list for both, so neither makes the root afresh for the other.
+wizard_plugin_packages=(qt5-gtk-platformtheme fcitx5-frontend-qt5 fcitx-frontend-qt5 qtwayland5)
+host_root_packages=(g++ make cmake qtbase5-dev qtbase5-dev-tools patchelf binutils icu-devtools squashfs-tools
+                    "${wizard_plugin_packages[@]}")
 machines() {
     awk '/^[a-z]/ { printf "%s%s", sep, $1; sep = " and " } END { print "" }' "$bundle_top/bundle/machines.txt"
 }

@@ -169,6 +169,7 @@ bool DPackRun::runTool(const QString& strProgram, const QStringList& arguments, 
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("TAVELIN_PAYLOAD_LAYOUT"), DPacker::payloadLayout());
     environment.insert(QStringLiteral("TAVELIN_HOST_LIBRARIES"), toolchain.hostLibraries);
+    environment.insert(QStringLiteral("TAVELIN_MKSQUASHFS"), toolchain.squasher);
     environment.insert(extra);
     process.setProcessEnvironment(environment);
     process.start(strProgram, arguments);

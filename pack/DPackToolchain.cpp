@@ -24,7 +24,7 @@ TPackToolchain fromBuildTree(const QByteArray& baText, const QString& strMachine
     const QByteArray baMachine = strMachine.toLatin1();
     return {buildTreeValue(baText, "wizard-bundle-" + baMachine), buildTreeValue(baText, "runtime-" + baMachine),
             buildTreeValue(baText, "make-appdir"), buildTreeValue(baText, "make-appimage"),
-            buildTreeValue(baText, "host-libraries"), strMachine};
+            buildTreeValue(baText, "squasher"), buildTreeValue(baText, "host-libraries"), strMachine};
 }
 
 TPackToolchain fromInstalled(const QString& strProgramDir, const QString& strMachine)
@@ -35,6 +35,7 @@ TPackToolchain fromInstalled(const QString& strProgramDir, const QString& strMac
             QDir::cleanPath(dirTools.filePath(QStringLiteral("runtime/%1/tavelin-runtime").arg(strMachine))),
             QDir::cleanPath(dirTools.filePath(QStringLiteral("make-appdir.sh"))),
             QDir::cleanPath(dirTools.filePath(QStringLiteral("make-appimage.sh"))),
+            QDir::cleanPath(dirTools.filePath(QStringLiteral("squasher/usr/bin/mksquashfs"))),
             QDir::cleanPath(dirData.filePath(QStringLiteral("host-libraries.txt"))), strMachine};
 }
 
@@ -54,6 +55,9 @@ TPackToolchain DPackToolchain::locate(const QString& strProgramDir, const QStrin
     const QString strBundle = qEnvironmentVariable("TAVELIN_WIZARD_BUNDLE");
     if (!strBundle.isEmpty())
         toolchain.wizardBundle = strBundle;
+    const QString strSquasher = qEnvironmentVariable("TAVELIN_MKSQUASHFS");
+    if (!strSquasher.isEmpty())
+        toolchain.squasher = strSquasher;
     return toolchain;
 }
 
@@ -72,6 +76,13 @@ bool DPackToolchain::check(const TPackToolchain& toolchain, QString& strError)
         strError = QStringLiteral("the %1 runtime %2 is missing: build it with cmake --build BUILD --target "
                                   "tavelin-bundle-%1 before cmake --install")
                        .arg(toolchain.machine, toolchain.runtime);
+        return false;
+    }
+    const QFileInfo fiSquasher(toolchain.squasher);
+    if (!fiSquasher.isFile() || !fiSquasher.isExecutable()) {
+        strError = QStringLiteral("the squasher %1 is missing: build it with cmake --build BUILD --target "
+                                  "tavelin-squasher (the tavelin-bundle targets make it too) before cmake --install")
+                       .arg(toolchain.squasher);
         return false;
     }
     for (const QString& strPath : {toolchain.runtime, toolchain.makeAppDir, toolchain.makeAppImage}) {

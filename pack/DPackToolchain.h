@@ -11,6 +11,9 @@ struct TPackToolchain
     QString runtime;
     QString makeAppDir;
     QString makeAppImage;
+    /// Debian 11's mksquashfs with its libraries: the image's bytes do not
+    /// depend on the host's squashfs-tools and zstd.
+    QString squasher;
     /// What an AppImage may take from the host, for the floor check.
     QString hostLibraries;
     /// The machine the bundle and the runtime are for.
@@ -21,7 +24,8 @@ struct TPackToolchain
 /// directory: an installed one keeps it in ../libexec/tavelin and
 /// ../share/tavelin, so that the prefix may move; one run from the build tree
 /// reads where the build tree's pieces are from tavelin-pack-build-tree.txt
-/// beside it. TAVELIN_WIZARD_BUNDLE, when set, names another wizard bundle.
+/// beside it. TAVELIN_WIZARD_BUNDLE and TAVELIN_MKSQUASHFS, when set, name
+/// another wizard bundle and another mksquashfs.
 class DPackToolchain
 {
 public:

@@ -10,6 +10,8 @@
 # .sha256_sig and .sig_key zero, as the AppImage tools check it; .sig_key
 # holds the armoured public key. gpg runs with the caller's GNUPGHOME.
 # --zsync: zsyncmake's OUTPUT.zsync of the finished file, naming it by its file name.
+# TAVELIN_MKSQUASHFS names the mksquashfs to use (tavelin-pack passes the
+# one its toolchain carries); else the one on PATH.
 set -euo pipefail
 # shellcheck source=tavelin-lib.sh
 . "$(dirname "$0")/tavelin-lib.sh"
@@ -26,7 +28,8 @@ while [ $# -gt 0 ]; do
 done
 [ $# -eq 3 ] || die "$usage"
 runtime=$1 appdir=$2 output=$3
-command -v mksquashfs >/dev/null || die "mksquashfs not found (Debian package squashfs-tools)"
+mksquashfs=${TAVELIN_MKSQUASHFS:-mksquashfs}
+command -v "$mksquashfs" >/dev/null || die "$mksquashfs not found (Debian package squashfs-tools)"
 command -v readelf >/dev/null || die "readelf not found (Debian package binutils)"
 [ -z "$sign_key" ] || command -v gpg >/dev/null || die "gpg not found (Debian package gnupg)"
 [ -z "$zsync" ] || command -v zsyncmake >/dev/null || die "zsyncmake not found (Debian package zsync)"
@@ -104,7 +107,7 @@ fi
 # whole blocks to decompress, so larger blocks, though smaller, start slower
 # from the mount, and smaller ones extract slower (see the README).
 epoch=${SOURCE_DATE_EPOCH:-946684800}
-env -u SOURCE_DATE_EPOCH mksquashfs "$appdir" "$work/image" -noappend -all-root -no-xattrs \
+env -u SOURCE_DATE_EPOCH "$mksquashfs" "$appdir" "$work/image" -noappend -all-root -no-xattrs \
     -mkfs-time "$epoch" -all-time "$epoch" -comp zstd -Xcompression-level 19 -b 256K -quiet >/dev/null \
     || die "mksquashfs failed on $appdir"
 partial=("$output")

@@ -23,6 +23,28 @@ on_host() { # soname: whether a pattern of the loaded host list matches it
     return 1
 }
 
+# Copies into LIBDIR each library ELF needs, and each that those need, but
+# what the loaded host list grants: nothing only a host library needs goes
+# along either. LOADER --list tells where the root has them (for another
+# machine's ELF, its loader under qemu). Declare gathered (declare -A) first;
+# it remembers the sonames done.
+gather_needed() { # loader libdir elf
+    local loader=$1 libdir=$2 elf=$3 soname path
+    local -A where=()
+    while read -r soname _ path _; do
+        [ -n "$path" ] && where[$soname]=$path
+    done < <("$loader" --list "$elf" | grep '=> /')
+    for soname in $(readelf -d "$elf" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p'); do
+        [ -n "${gathered[$soname]:-}" ] && continue
+        gathered[$soname]=1
+        on_host "$soname" && continue
+        path=${where[$soname]:-}
+        [ -n "$path" ] || die "$elf needs $soname, which is not found"
+        install -m 0644 "$(readlink -f "$path")" "$libdir/$soname"
+        gather_needed "$loader" "$libdir" "$libdir/$soname"
+    done
+}
+
 # An ELF file's sections, one a line: INDEX NAME TYPE ADDRESS OFFSET SIZE,
 # the last three in hexadecimal as readelf prints them.
 elf_sections() { # file

@@ -2,12 +2,12 @@
 # Makes the whole toolchain one file, BUILD_DIR/tavelin-pack-MACHINE.AppImage,
 # that packs on any Linux with glibc 2.31 or newer: tavelin-pack built in a
 # Debian 11 root against its Qt, with the Qt libraries it loads, the
-# programs the packaging scripts run (mksquashfs and unsquashfs, readelf,
-# desktop-file-validate, zsyncmake) taken from that root with theirs, and
-# the scripts, host list, wizard bundles and runtimes of every machine laid
-# out by cmake --install as an installed toolchain has them. Only gpg, to
-# sign, is the host's. The file is made with this build's runtime and
-# packaging/make-appimage.sh, using the mksquashfs it carries.
+# programs the packaging scripts run (readelf, desktop-file-validate,
+# zsyncmake) taken from that root with theirs, and the scripts, host list,
+# squasher, wizard bundles and runtimes of every machine laid out by cmake
+# --install as an installed toolchain has them. Only gpg, to sign, is the
+# host's. The file is made with this build's runtime and
+# packaging/make-appimage.sh, using the squasher it carries.
 # The root is kept in BUILD_DIR/debian, so only the first run downloads;
 # making it needs root and Debian's archive. The bundles and runtimes must
 # be built first (the tavelin-pack-appimage target does that).
@@ -30,6 +30,7 @@ appdir=$build/tavelin-pack-$machine.AppDir
 
 # What the file carries for every machine, as cmake --install takes it.
 [ -f "$build/runtime/tavelin-runtime" ] || die "no $build/runtime/tavelin-runtime: build the tavelin-runtime target first"
+[ -x "$build/squasher/usr/bin/mksquashfs" ] || die "no squasher in $build/squasher: build the tavelin-squasher target first"
 for each in $(awk '/^[a-z]/ { print $1 }' "$top/bundle/machines.txt"); do
     [ -x "$build/wizard-bundle/$each/usr/bin/tavelin-gui" ] \
         || die "no wizard bundle for $each: build the tavelin-bundle-$each target first"
@@ -38,8 +39,8 @@ for each in $(awk '/^[a-z]/ { print $1 }' "$top/bundle/machines.txt"); do
 done
 
 # The programs the packer and its scripts run, from Debian 11 with their libraries.
-packages=(g++ make cmake qtbase5-dev patchelf binutils squashfs-tools desktop-file-utils zsync)
-programs=(/usr/bin/mksquashfs /usr/bin/unsquashfs /usr/bin/readelf /usr/bin/desktop-file-validate /usr/bin/zsyncmake)
+packages=(g++ make cmake qtbase5-dev patchelf binutils desktop-file-utils zsync)
+programs=(/usr/bin/readelf /usr/bin/desktop-file-validate /usr/bin/zsyncmake)
 "$top/tools/debian-root.sh" "$suite" "$arch" "$root" "${packages[@]}" \
     || die "no $suite root to build tavelin-pack in; the toolchain AppImage is not made"
 
@@ -87,14 +88,17 @@ find "$appdir" -type f ! -perm /0111 -exec chmod 0644 {} +
     || die "the toolchain AppDir asks the host for more than glibc and the C++ runtime"
 # It starts from the AppDir, with its programs found first.
 "$appdir/AppRun" --payload-layout | grep -q '^payload=' || die "tavelin-pack does not start from $appdir"
-for tool in mksquashfs readelf desktop-file-validate zsyncmake; do
-    [ "$(PATH=$appdir/usr/bin:$PATH command -v "$tool")" = "$appdir/usr/bin/$tool" ] || die "$tool is not carried"
+for carried in readelf desktop-file-validate zsyncmake; do
+    [ "$(PATH=$appdir/usr/bin:$PATH command -v "$carried")" = "$appdir/usr/bin/$carried" ] || die "$carried is not carried"
 done
+squasher=$appdir/usr/libexec/tavelin/squasher/usr/bin/mksquashfs
+[ -x "$squasher" ] || die "cmake --install left out the squasher"
 
 # Made with the tools it carries, so the image is the same whatever the host's squashfs-tools.
 rm -f "$output.new"
-PATH=$appdir/usr/bin:$PATH "$top/packaging/make-appimage.sh" "$build/runtime/tavelin-runtime" "$appdir" "$output.new" >/dev/null \
+PATH=$appdir/usr/bin:$PATH TAVELIN_MKSQUASHFS=$squasher "$top/packaging/make-appimage.sh" "$build/runtime/tavelin-runtime" "$appdir" "$output.new" >/dev/null \
     || die "make-appimage.sh failed on $appdir"
 mv "$output.new" "$output"
 echo "toolchain: $output ready ($(stat -c %s "$output") bytes, $(du -sm "$appdir" | cut -f1) MB unpacked)"
-(cd "$(dirname "$output")" && sha256sum "$(basename "$output")")
+# Its checksum, to publish beside it for sha256sum -c.
+(cd "$(dirname "$output")" && sha256sum "$(basename "$output")" | tee "$(basename "$output").sha256")

@@ -13,8 +13,8 @@ cd "$(dirname "$0")/.."
 # shellcheck source=../packaging/tavelin-lib.sh
 . "$(dirname "$0")/../packaging/tavelin-lib.sh"
 [ "$(id -u)" = 0 ] || die "needs root: the mount path runs as root, the extraction path as uid 65534"
-for tool in Xvfb setpriv unsquashfs mountpoint pgrep; do
-    command -v "$tool" >/dev/null || die "$tool not found (Debian packages xvfb, util-linux, squashfs-tools, procps)"
+for needed in Xvfb setpriv unsquashfs mountpoint pgrep; do
+    command -v "$needed" >/dev/null || die "$needed not found (Debian packages xvfb, util-linux, squashfs-tools, procps)"
 done
 build=${BENCH_BUILD_DIR:-build-bench}
 case $build in /*) ;; *) build=$PWD/$build ;; esac

@@ -101,6 +101,7 @@ private slots:
         QTest::newRow("AppImage's directory is a file") << "appimage-dir" << "cannot create the directory";
         QTest::newRow("mksquashfs fails half-way") << "mksquashfs" << "mksquashfs failed";
         QTest::newRow("wizard bundle missing") << "no-bundle" << "the wizard bundle";
+        QTest::newRow("squasher not an executable") << "squasher" << "the squasher";
         QTest::newRow("wizard for another machine than the runtime") << "other-wizard" << ", the runtime ";
         QTest::newRow("machine we make no AppImage for") << "machine" << R"(no AppImage for the machine "riscv64")";
         QTest::newRow("wizard asks more than the floor") << "host-wizard" << "newer than the floor's GLIBC_2.31";
@@ -149,6 +150,8 @@ private slots:
             request.machine = QStringLiteral("riscv64");
         else if (problem == QLatin1String("mksquashfs"))
             QVERIFY(TestSupport::writeFile(strFake, "#!/bin/sh\necho full >&2\nexit 1\n") && ::chmod(qPrintable(strFake), 0755) == 0);
+        else if (problem == QLatin1String("squasher"))
+            QVERIFY(TestSupport::writeFile(strFake, "#!/bin/sh\n") && ::chmod(qPrintable(strFake), 0644) == 0);
         else if (problem == QLatin1String("zsync-other"))
             request.updateInformation = QStringLiteral("zsync|https://example.org/dl/Other.AppImage.zsync");
         else if (problem == QLatin1String("gh-other"))
@@ -376,7 +379,8 @@ private:
                               : QStringList{"--update-information", request.updateInformation}));
     }
 
-    // From the temporary directory, with its bin first in PATH for stand-ins.
+    // From the temporary directory, with its bin first in PATH for stand-ins;
+    // the host's mksquashfs, or a stand-in, in the toolchain's.
     QProcess* runPack(const QStringList& arguments)
     {
         auto* process = new QProcess;
@@ -384,6 +388,10 @@ private:
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert(QStringLiteral("PATH"), tempDir->filePath(QStringLiteral("bin:")) + environment.value(QStringLiteral("PATH")));
         environment.insert(QStringLiteral("TAVELIN_WIZARD_BUNDLE"), tempDir->filePath(QStringLiteral("bundle")));
+        const QString strStandIn = tempDir->filePath(QStringLiteral("bin/mksquashfs"));
+        environment.insert(QStringLiteral("TAVELIN_MKSQUASHFS"), QFileInfo::exists(strStandIn)
+                                                                     ? strStandIn
+                                                                     : QStandardPaths::findExecutable(QStringLiteral("mksquashfs")));
         process->setProcessEnvironment(environment);
         process->start(QStringLiteral(TAVELIN_PACK_BINARY), arguments);
         process->waitForFinished(180000);

@@ -24,8 +24,8 @@ appimage=$(readlink -f "$1") wmstate=$(readlink -f "$2") roots=$3
 [ -f "$appimage" ] || die "no AppImage at $1"
 [ -x "$wmstate" ] || die "no tavelin-x-wmstate at $2"
 [ "$(id -u)" = 0 ] || die "must run as root (debootstrap, chroot, mount namespaces); cannot check the distributions"
-for tool in Xvfb xdotool unshare chroot setsid mknod ps; do
-    command -v "$tool" >/dev/null || die "$tool is not installed; cannot check the distributions"
+for needed in Xvfb xdotool unshare chroot setsid mknod ps; do
+    command -v "$needed" >/dev/null || die "$needed is not installed; cannot check the distributions"
 done
 grep -qw overlay /proc/filesystems || modprobe overlay 2>/dev/null || die "the kernel has no overlayfs; cannot check the distributions"
 [ -c /dev/fuse ] || die "the host has no /dev/fuse to give the roots; cannot check the distributions"

@@ -39,9 +39,9 @@ load_anchors() {
     [ -z "${anchors[$1]:-}" ] || return 0; anchors[$1]=1
     while IFS= read -r a; do
         if [[ $a == =* ]]; then anchors["$1#${a#=}"]=1; continue; fi
-        a=${a,,} n=${seen[$a]:-} # empty the first time; then -1, -2, ...
-        seen[$a]=$((${n:--1} + 1))
-        anchors["$1#$a${n:+-${seen[$a]}}"]=1
+        a=${a,,} n=${seen[":$a"]:-} # empty the first time; then -1, -2, ... (":": a heading of punctuation is "")
+        seen[":$a"]=$((${n:--1} + 1))
+        anchors["$1#$a${n:+-${seen[":$a"]}}"]=1
     done < <(LC_ALL=C awk -v mode=anchors "$scan" "$1")
 }
 decode() { local s=${1//\\/\\\\}; printf '%b' "${s//%/\\x}"; } # %-escapes, as a browser decodes them
@@ -56,7 +56,7 @@ for file in "${files[@]}"; do
         checked=$((checked + 1)) fragment= path=$(decode "${link%%#*}")
         [[ $link != *'#'* ]] || fragment=$(decode "${link#*#}")
         # GitHub takes /path from the repository's top.
-        case $path in "") resolved=$file ;; /*) resolved=${path#/} ;; *) resolved=$(dirname "$file")/$path ;; esac
+        case $path in "") resolved=$file ;; /*) resolved=./${path#/} ;; *) resolved=$(dirname "$file")/$path ;; esac
         resolved=$(realpath -ms --relative-to=. -- "$resolved")
         if [[ $resolved == .. || $resolved == ../* ]]; then bad "leads outside the checkout"
         elif [ ! -e "$resolved" ]; then bad "no such file: $resolved"

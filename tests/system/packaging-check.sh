@@ -4,8 +4,9 @@
 # than the host list, its AppDir runs with the system's Qt hidden, the wizard
 # it carries passes the real-binary test; then the installed toolchain packs
 # it again, reproducibly, and the whole install, launch and uninstall works
-# on Xvfb as an unprivileged user; then the same demo for the other machines
-# (aarch64), run on an emulated Debian 11. Needs root.
+# on Xvfb as an unprivileged user; the one-file toolchain packs the same
+# bytes; then the same demo for the other machines (aarch64), run on an
+# emulated Debian 11. Needs root.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 appimage=$(tools/demo-appimage.sh | tail -n 1)
@@ -36,6 +37,10 @@ for other in $(awk -v host="$(uname -m)" '/^[a-z]/ && $1 != host { print $1 }' b
 done
 tests/system/e2e-toolchain.sh build
 tests/system/check-zsync.sh build
+# The toolchain as one file, in bare Debian 11 and 13 roots without FUSE,
+# packing what the installed toolchain packs.
+cmake --build build --target tavelin-pack-appimage >/dev/null
+tests/system/check-toolchain-appimage.sh build
 tests/system/check-build-root.sh
 # The demo AppImages on Debian 11 and 13 as a user's desktop has them; another
 # machine's on its emulated Debian 11.
