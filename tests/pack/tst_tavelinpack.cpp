@@ -89,6 +89,8 @@ private slots:
         QTest::addColumn<QString>("problem");
         QTest::addColumn<QString>("message");
         QTest::newRow("desktop entry without Type") << "desktop" << "rejected by desktop-file-validate";
+        QTest::newRow("desktop entry is a directory") << "desktop-dir" << "is not a file";
+        QTest::newRow("no work directory in TMPDIR") << "tmpdir" << "cannot create a work directory in";
         QTest::newRow("icon is not an image") << "icon" << "does not load as an image";
         QTest::newRow("main exe outside local dir") << "exe-prefix" << "does not begin with the local dir";
         QTest::newRow("main exe not in tree") << "exe-missing" << "names no installed file";
@@ -128,6 +130,10 @@ private slots:
         QStringList had; // what the packager has in the output location beforehand
         if (problem == QLatin1String("desktop"))
             TestSupport::writeFile(request.desktopEntry, "[Desktop Entry]\nName=Demo\nExec=demo\n");
+        else if (problem == QLatin1String("desktop-dir"))
+            QVERIFY(QFile::remove(request.desktopEntry) && QDir().mkpath(request.desktopEntry));
+        else if (problem == QLatin1String("tmpdir"))
+            qputenv("TMPDIR", request.icon.toLocal8Bit()); // a file: nothing can be made in it
         else if (problem == QLatin1String("icon"))
             TestSupport::writeFile(request.icon, "not a picture");
         else if (problem == QLatin1String("exe-prefix"))
@@ -192,6 +198,7 @@ private slots:
             QVERIFY(TestSupport::writeFile(strOut + QLatin1Char('/') + had.last(), "mine"));
 
         QScopedPointer<QProcess> process(runPacker(request));
+        qunsetenv("TMPDIR");
         QCOMPARE(process->exitCode(), 1);
         const QString strStderr = QString::fromLocal8Bit(process->readAllStandardError());
         QVERIFY2(strStderr.contains(QStringLiteral("tavelin-pack: error: ")) && strStderr.contains(message),
@@ -277,6 +284,10 @@ private slots:
         QTest::newRow("machine we make no AppImage for") << baNeeded + R"(, "arch": "mips64"})" << 1
                                                          << R"(no AppImage for the machine "mips64": tavelin-pack packs for x86_64 and aarch64)";
         QTest::newRow("no file, an option missing") << QByteArray("--app t --output o") << 2 << "missing --desktop";
+        QTest::newRow("an argument left over") << QByteArray("--app t --output o extra") << 2 << "unexpected argument extra";
+        QTest::newRow("--verify with a setting") << QByteArray("--verify f --app t") << 2 << "--verify takes no other option";
+        QTest::newRow("--payload-layout with a setting") << QByteArray("--payload-layout --app t") << 2
+                                                         << "--payload-layout takes no other option";
     }
 
     void refusesBadSettings()
