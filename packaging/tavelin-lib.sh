@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced by Tavelin's shell scripts: what several of them need, in one place.
 # A script may set tool to the name its messages begin with; else it is the
 # script's file name without .sh.
