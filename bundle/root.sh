@@ -15,8 +15,9 @@ elf_machine() { # machine
 }
 # The host's Debian 11 root: the wizard is built and gathered there, with the
 # plugins it carries beyond qtbase's (the desktop's look, the input methods
-# Chinese users type with besides qtbase's ibus and compose, Wayland), and the squasher is taken from it. One
-# list for both, so neither makes the root afresh for the other.
+# Chinese users type with besides qtbase's ibus and compose, Wayland), and
+# the squasher is taken from it. One list for both, so neither makes the
+# root afresh for the other.
 wizard_plugin_packages=(qt5-gtk-platformtheme fcitx5-frontend-qt5 fcitx-frontend-qt5 qtwayland5)
 host_root_packages=(g++ make cmake qtbase5-dev qtbase5-dev-tools patchelf binutils icu-devtools squashfs-tools
                     "${wizard_plugin_packages[@]}")

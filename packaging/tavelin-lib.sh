@@ -24,7 +24,7 @@ on_host() { # soname: whether a pattern of the loaded host list matches it
     return 1
 }
 
-# Copies into LIBDIR each library ELF needs, and each that those need, but
+# Copies into LIBDIR each library ELF needs, and each that those need, except
 # what the loaded host list grants: nothing only a host library needs goes
 # along either. LOADER --list tells where the root has them (for another
 # machine's ELF, its loader under qemu). Declare gathered (declare -A) first;
